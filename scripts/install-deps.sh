@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Installs every Debian package the hub daemon, its tools and its tests need.
+# Idempotent: when everything is present it only runs dpkg-query and returns.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake pkg-config ninja-build
+  clang libclang-rt-14-dev clang-format
+  libgtest-dev libgmock-dev libbenchmark-dev
+  libev-dev libjson-c-dev
+  libmosquitto-dev mosquitto mosquitto-clients
+  libcurl4-openssl-dev libsodium-dev libssl-dev openssl
+  libavformat-dev libavcodec-dev libavutil-dev libswscale-dev ffmpeg
+  python3 procps iproute2
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+echo "install-deps: installing ${missing[*]}"
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+# the distribution starts a system broker on 1883; the project starts its own brokers
+if command -v systemctl >/dev/null 2>&1; then $SUDO systemctl disable --now mosquitto >/dev/null 2>&1 || true; fi
+echo "install-deps: done"

@@ -1,0 +1,142 @@
+#include "core/main.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cloud/mqttclient.h"
+#include "core/configuration.h"
+#include "core/eventloop.h"
+#include "core/log.h"
+#include "crypto/hubauth.h"
+#include "housekeeping/hubled.h"
+#include "housekeeping/systemctrl.h"
+#include "media/mp4mux.h"
+#include "media/orump4playlist.h"
+#include "media/playback.h"
+#include "platform/board.h"
+#include "server/mediaserver.h"
+#include "storage/pirupload.h"
+#include "storage/sdcard.h"
+
+namespace {
+
+bool Is(const char* word, const char* option) {
+  return word != nullptr && std::strcmp(word, option) == 0;
+}
+
+}  // namespace
+
+void ParseOptions(Option* option, Configuration* config, int argc, char** argv) {
+  // Each word is checked against every option in turn; after "-v" and "-s" the value word is
+  // compared with the remaining options in the same pass, as the hub always did.
+  for (int i = 0; i < argc; i++) {
+    if (Is(argv[i], "-h")) {
+      std::printf("Usage: tarvo-p2p [-dsv]\n");
+      std::printf("\t-d\tRun in background\n");
+      std::printf("\t-s\tSN\n");
+      std::printf("\t-m\tMAC\n");
+      std::printf("\t-v\tLog level\n");
+      std::fflush(stdout);
+      std::exit(0);
+    }
+    if (Is(argv[i], "-d")) option->daemon = 1;
+    if (Is(argv[i], "-v")) {
+      if (i + 1 >= argc) break;  // no value: keep the default level
+      i++;
+      option->log_level = static_cast<uint8_t>(std::strtol(argv[i], nullptr, 10));
+    }
+    if (Is(argv[i], "-s")) {
+      if (i + 1 >= argc) break;
+      i++;  // the serial number is not stored
+    }
+    if (Is(argv[i], "-m")) {
+      if (i + 1 >= argc) break;
+      i++;
+      if (config != nullptr) config->SetMac(argv[i]);
+    }
+  }
+}
+
+void Daemonize() {
+  pid_t pid = fork();
+  if (pid < 0) std::exit(1);
+  if (pid > 0) std::exit(0);
+  if (setsid() < 0) std::exit(1);
+  std::signal(SIGCHLD, SIG_IGN);
+  pid = fork();
+  if (pid < 0) std::exit(1);
+  if (pid > 0) std::exit(0);
+  umask(0);
+  if (chdir("/") != 0) {
+    // nothing depends on the working directory; every path the daemon opens is absolute
+  }
+  if (!std::freopen("/dev/null", "r", stdin)) std::exit(1);
+  if (!std::freopen("/dev/null", "w+", stdout)) std::exit(1);
+  if (!std::freopen("/dev/null", "w+", stderr)) std::exit(1);
+}
+
+void InitLogger(Option* option) {
+  tlog::Open(option->log_level);
+}
+
+void handler(int sig) {
+  TLOG(LOG_DEBUG) << "Error: signal " << sig;
+  std::exit(1);
+}
+
+int RunHub(int argc, char** argv) {
+  // 1. The default loop first: without it there is no daemon.
+  eventloop::Loop();
+
+  // 2. Fatal signals to one handler; SIGINT, SIGTERM and SIGHUP keep their default actions.
+  for (int sig : {SIGSEGV, SIGFPE, SIGBUS, SIGSYS, SIGURG, SIGCONT}) std::signal(sig, handler);
+  std::signal(SIGPIPE, SIG_IGN);
+
+  // 3. The board root is read before daemonising changes the working directory.
+  platform::Root();
+  Option option;
+  Configuration& config = Configuration::getInstance();
+
+  ParseOptions(&option, &config, argc, argv);  // 4.
+  if (option.daemon) Daemonize();              // 5.
+  InitLogger(&option);                         // 6.
+
+  // A development machine's daemon runs only on a complete board: never the machine's own tools.
+  if (platform::CheckBoard() < 0) {
+    TLOG(LOG_ERR) << "Board root incomplete, refusing to start";
+    std::exit(1);
+  }
+
+  if (InitWifiConf() < 0) {  // 7.
+    TLOG(LOG_DEBUG) << "InitWifiConf failed, exit";
+    std::exit(0);
+  }
+  DisConnectCameraList();  // 8.
+  orump4_init_ffmpeg();    // 9.
+  libsodium_init();        // 10.
+  alarm_upload_init();     // 11.
+  alarm_upload_lock_init();
+  InitSdCard();   // 12.
+  InitLed();      // 13.
+  config.Init();  // 14.
+
+  // 15. The one media server: camera listener and P2P side. Lives as long as the process.
+  auto* media_server = new server::MediaServer();
+  media_server->Init();
+  media_server->StartTutk();
+
+  InitMqtt();           // 16.
+  playlist_mgr_init();  // 17.
+  playback_mgr_init();
+  InitSyncAndReset();  // 18.
+  InitSystemCtrl();    // 19.
+  InitPirUpload();     // 20.
+
+  return eventloop::Run();  // 21.
+}

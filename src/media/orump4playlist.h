@@ -1,0 +1,4 @@
+// Recording playlists for playback.
+#pragma once
+
+int playlist_mgr_init();

@@ -1,0 +1,4 @@
+// Playback of stored recordings to viewers.
+#pragma once
+
+int playback_mgr_init();

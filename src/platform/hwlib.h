@@ -1,0 +1,41 @@
+// The hub's hardware library: LEDs, the button and card-detect lines, registers, the hub's MAC
+// and the camera access point. On a development machine it acts on the board's files under
+// <root>/sys, and tests inject button and card events.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// Register offsets read by the hub.
+constexpr int kRegGpioData = 1568;  // bit 21: card detect, 1 = no card
+constexpr int kRegKeys = 1572;      // bit 6: the button, 1 = held
+constexpr int kGpioCardDetect = 21;
+
+extern "C" {
+typedef int (*key_callback_t)(int code, int type);
+typedef int (*mmc_callback_t)(int line, int event);
+
+// MAC address of an interface as text "aa:bb:cc:dd:ee:ff" into out. 0 or -1.
+int get_hub_mac(const char* ifname, char* out, size_t outlen);
+// Asks the camera access point to drop the station with this MAC (twelve hex digits). 0 or -1.
+int disconnect_mac(const char* mac);
+// Drives the status LED with a pattern 1..5. 0 or -1.
+int led_set_pattern(int pattern);
+// Reads a register; the board keeps them as numbers in files.
+uint32_t reg_read(int offset);
+// Arms edge events on a GPIO line. 0 or -1.
+int gpio_hook(int line);
+// Registers the button handler (code, type: 2 pressed, 1 released). 0 or -1.
+int start_key_processor(key_callback_t callback);
+// Registers the card-detect handler (line, event). 0 or -1.
+int start_mmc_key_processor(mmc_callback_t callback);
+}
+
+namespace platform {
+// Host only: deliver a button or card-detect event to the registered handler (on the event
+// thread, as the hub's key service does) and update the register bits to match.
+void InjectKeyEvent(int code, int type);
+void InjectCardEvent(bool inserted);
+// Host only: the last pattern given to led_set_pattern, or 0.
+int CurrentLedPattern();
+}  // namespace platform

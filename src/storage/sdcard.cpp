@@ -1,0 +1,8 @@
+#include "storage/sdcard.h"
+
+#include "core/log.h"
+
+int InitSdCard() {
+  TLOG(LOG_DEBUG) << "SD card management is not part of this build yet";
+  return 0;
+}

@@ -1,0 +1,229 @@
+#include "support/testsupport.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
+
+namespace testsupport {
+
+std::string BinPath(const std::string& program) {
+  return std::string(TARVO_BIN_DIR) + "/" + program;
+}
+std::string SourcePath(const std::string& relative) {
+  return std::string(TARVO_SOURCE_DIR) + "/" + relative;
+}
+
+TempDir::TempDir() {
+  std::string tmpl = (std::filesystem::temp_directory_path() / "tarvo-test-XXXXXX").string();
+  std::vector<char> buf(tmpl.begin(), tmpl.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) std::abort();
+  path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+void MakeBoard(const std::string& dir, const std::vector<std::string>& options) {
+  std::vector<std::string> argv{BinPath("tarvo-mkboard")};
+  argv.insert(argv.end(), options.begin(), options.end());
+  argv.push_back(dir);
+  Process mk(argv, {});
+  int status = mk.Wait(std::chrono::seconds(30));
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+      << "tarvo-mkboard failed:\n"
+      << ::testing::PrintToString(mk.Lines());
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+bool FileExists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+bool WaitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (true) {
+    if (cond()) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return cond();
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+uint16_t FreePort() {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = 0;
+  socklen_t len = sizeof(addr);
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    std::abort();
+  }
+  close(fd);
+  return ntohs(addr.sin_port);
+}
+
+Process::Process(const std::vector<std::string>& argv,
+                 const std::map<std::string, std::string>& env) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) std::abort();
+
+  // The environment: ours, with the given names replaced.
+  std::map<std::string, std::string> merged;
+  for (char** e = environ; *e; ++e) {
+    std::string kv(*e);
+    auto eq = kv.find('=');
+    if (eq != std::string::npos) merged[kv.substr(0, eq)] = kv.substr(eq + 1);
+  }
+  for (const auto& [k, v] : env) merged[k] = v;
+  std::vector<std::string> env_strings;
+  for (const auto& [k, v] : merged) env_strings.push_back(k + "=" + v);
+  std::vector<char*> envp, args;
+  for (auto& s : env_strings) envp.push_back(s.data());
+  envp.push_back(nullptr);
+  std::vector<std::string> argv_copy = argv;
+  for (auto& s : argv_copy) args.push_back(s.data());
+  args.push_back(nullptr);
+
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(fds[1], STDOUT_FILENO);
+    dup2(fds[1], STDERR_FILENO);
+    int devnull = open("/dev/null", O_RDONLY);
+    if (devnull >= 0) dup2(devnull, STDIN_FILENO);
+    setpgid(0, 0);
+    execve(args[0], args.data(), envp.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  reader_ = std::thread(&Process::Reader, this, fds[0]);
+}
+
+Process::~Process() {
+  if (Running()) {
+    kill(-pid_, SIGKILL);
+    kill(pid_, SIGKILL);
+    Wait(std::chrono::seconds(10));
+  }
+  if (reader_.joinable()) reader_.join();
+}
+
+void Process::Reader(int fd) {
+  std::string partial;
+  char buf[4096];
+  while (true) {
+    ssize_t n = read(fd, buf, sizeof(buf));
+    if (n <= 0) break;
+    partial.append(buf, static_cast<size_t>(n));
+    size_t pos;
+    std::lock_guard<std::mutex> lock(mutex_);
+    while ((pos = partial.find('\n')) != std::string::npos) {
+      lines_.push_back(partial.substr(0, pos));
+      partial.erase(0, pos + 1);
+    }
+    changed_.notify_all();
+  }
+  close(fd);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!partial.empty()) lines_.push_back(partial);
+  eof_ = true;
+  changed_.notify_all();
+}
+
+std::string Process::WaitForLine(const std::string& pattern, std::chrono::milliseconds timeout) {
+  std::regex re(pattern);
+  std::unique_lock<std::mutex> lock(mutex_);
+  size_t checked = 0;
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (true) {
+    for (; checked < lines_.size(); ++checked) {
+      if (std::regex_search(lines_[checked], re)) return lines_[checked];
+    }
+    if (eof_) return "";
+    if (changed_.wait_until(lock, deadline) == std::cv_status::timeout) {
+      for (; checked < lines_.size(); ++checked)
+        if (std::regex_search(lines_[checked], re)) return lines_[checked];
+      return "";
+    }
+  }
+}
+
+bool Process::HasLine(const std::string& pattern) {
+  std::regex re(pattern);
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& l : lines_)
+    if (std::regex_search(l, re)) return true;
+  return false;
+}
+
+std::vector<std::string> Process::Lines() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return lines_;
+}
+
+int Process::Wait(std::chrono::milliseconds timeout) {
+  if (exited_) return status_;
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (true) {
+    int status;
+    pid_t r = waitpid(pid_, &status, WNOHANG);
+    if (r == pid_) {
+      exited_ = true;
+      status_ = status;
+      if (reader_.joinable()) reader_.join();
+      return status_;
+    }
+    if (r < 0 || std::chrono::steady_clock::now() >= deadline) return -1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+bool Process::Running() {
+  if (exited_) return false;
+  int status;
+  pid_t r = waitpid(pid_, &status, WNOHANG);
+  if (r == pid_) {
+    exited_ = true;
+    status_ = status;
+    return false;
+  }
+  return r == 0;
+}
+
+void Process::Signal(int sig) {
+  if (!exited_) kill(pid_, sig);
+}
+
+std::map<std::string, std::string> BoardEnv(const std::string& root) {
+  return {{"TARVO_ROOT", root}, {"TARVO_LOG_STDERR", "1"}};
+}
+
+}  // namespace testsupport

@@ -1,0 +1,86 @@
+// What integration and end-to-end tests share: temporary board roots, child processes whose
+// output is watched line by line, free loopback ports, and waiting on conditions (never on
+// fixed sleeps).
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace testsupport {
+
+// Paths of the build's programs.
+std::string BinPath(const std::string& program);  // e.g. BinPath("tarvo-p2p")
+std::string SourcePath(const std::string& relative);
+
+// A folder removed with its contents when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// Runs tarvo-mkboard into dir with extra options ("--uid", "X", ...). Fails the test on error.
+void MakeBoard(const std::string& dir, const std::vector<std::string>& options = {});
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& content);
+bool FileExists(const std::string& path);
+
+// Polls cond every 10 ms until it holds or the timeout passes. Returns cond's last value.
+bool WaitFor(const std::function<bool()>& cond,
+             std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// A free TCP port on 127.0.0.1 (bound once and released).
+uint16_t FreePort();
+
+// A child process with its own environment; standard output and standard error are collected
+// line by line (both into one list) so tests can wait for a line.
+class Process {
+ public:
+  Process(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env);
+  ~Process();  // kills the process (SIGKILL) if still running
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t pid() const { return pid_; }
+  // Waits until a line matches the regular expression; returns the matching line or "".
+  std::string WaitForLine(const std::string& pattern,
+                          std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  bool HasLine(const std::string& pattern);
+  std::vector<std::string> Lines();
+  // Waits for the process to end; returns its wait status, or -1 on time-out.
+  int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  bool Running();
+  void Signal(int sig);
+
+ private:
+  void Reader(int fd);
+  pid_t pid_ = -1;
+  int status_ = -1;
+  bool exited_ = false;
+  std::thread reader_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> lines_;
+  bool eof_ = false;
+};
+
+// The environment that points a daemon or tool at a board root and logs to standard error.
+std::map<std::string, std::string> BoardEnv(const std::string& root);
+
+}  // namespace testsupport
