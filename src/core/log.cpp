@@ -1,5 +1,7 @@
 #include "core/log.h"
 
+#include "platform/board.h"
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -59,7 +61,10 @@ int MaskForLevel(int level) {
 }
 
 void Open(int level) {
-  openlog("tarvo-p2p", LOG_CONS | LOG_PID, LOG_KERN);
+  // On a board root the console is the development machine's own: records that syslog cannot
+  // deliver are dropped there instead of being written to the machine's console.
+  const int options = platform::Root().empty() ? (LOG_CONS | LOG_PID) : LOG_PID;
+  openlog("tarvo-p2p", options, LOG_KERN);
   g_mask.store(0xff);
   { Record(LOG_INFO, __LINE__, __func__, __FILE__) << "Logger init " << level << "."; }
   const int mask = MaskForLevel(level);
