@@ -34,38 +34,17 @@ bool FileExists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
-// Moves one provisioning file into the agent's directory. Returns the copy's result.
-int MoveRequired(const char* name) {
-  const std::string from = std::string("/etc/config/") + name;
-  const std::string to = std::string(kAgentDir) + "/" + name;
-  if (utils::CopyFile(platform::BoardPath(from).c_str(), platform::BoardPath(to).c_str()) < 0) {
-    TLOG(LOG_DEBUG) << "Copy " << from << " to " << kAgentDir << " fail!!!";
-    return -1;
-  }
-  TLOG(LOG_DEBUG) << "Copy " << from << " to " << kAgentDir << " succeed";
-  if (std::remove(platform::BoardPath(from).c_str()) == 0) {
-    TLOG(LOG_DEBUG) << "Delete " << from << " succeed";
-  } else {
-    TLOG(LOG_DEBUG) << "Delete " << from << " failed";
-  }
-  return 0;
-}
+enum class Moved { kNoSource, kCopyFailed, kMoved, kSourceKept };
 
-// Moves an optional provisioning file; a failure is only logged.
-void MoveOptional(const char* name) {
-  const std::string from = std::string("/etc/config/") + name;
-  const std::string to = std::string(kAgentDir) + "/" + name;
-  if (!FileExists(platform::BoardPath(from))) return;
-  if (utils::CopyFile(platform::BoardPath(from).c_str(), platform::BoardPath(to).c_str()) < 0) {
-    TLOG(LOG_DEBUG) << "copy " << from << " to " << kAgentDir << " fail!!!";
-    return;
+// Moves one provisioning file from /etc/config into the agent's directory: copy, then remove
+// the source. The caller logs, so the records carry its name.
+Moved MoveToAgentDir(const std::string& from, const std::string& to) {
+  const std::string source = platform::BoardPath(from);
+  if (!FileExists(source)) return Moved::kNoSource;
+  if (utils::CopyFile(source.c_str(), platform::BoardPath(to).c_str()) < 0) {
+    return Moved::kCopyFailed;
   }
-  TLOG(LOG_DEBUG) << "copy " << from << " to " << kAgentDir << " succeed!";
-  if (std::remove(platform::BoardPath(from).c_str()) == 0) {
-    TLOG(LOG_DEBUG) << "delete " << from << " succeed!";
-  } else {
-    TLOG(LOG_DEBUG) << "delete " << from << " failed!!!";
-  }
+  return std::remove(source.c_str()) == 0 ? Moved::kMoved : Moved::kSourceKept;
 }
 
 // An identity value: printable, no blank, quote or backslash, so it can stand in device.conf
@@ -121,13 +100,34 @@ bool HasKey(const std::string& key) {
 
 int InitWifiConf() {
   utils::CheckDirExist(platform::BoardPath(kAgentDir).c_str());
-  // wifi.conf and device.token come together from set-up: without wifi.conf neither is moved.
+  // wifi.conf and device.token come together from set-up: without wifi.conf neither is moved,
+  // and once wifi.conf is there a missing device.token is a failed provisioning.
   if (FileExists(platform::BoardPath("/etc/config/wifi.conf"))) {
-    if (MoveRequired("wifi.conf") < 0) return -1;
-    if (MoveRequired("device.token") < 0) return -1;
+    for (const char* name : {"wifi.conf", "device.token"}) {
+      const std::string from = std::string("/etc/config/") + name;
+      const std::string to = std::string(kAgentDir) + "/" + name;
+      const Moved moved = MoveToAgentDir(from, to);
+      if (moved == Moved::kNoSource || moved == Moved::kCopyFailed) {
+        TLOG(LOG_DEBUG) << "Copy " << from << " to " << kAgentDir << " fail!!!";
+        return -1;
+      }
+      TLOG(LOG_DEBUG) << "Copy " << from << " to " << kAgentDir << " succeed";
+      TLOG(LOG_DEBUG) << "Delete " << from << (moved == Moved::kMoved ? " succeed" : " failed");
+    }
   }
-  MoveOptional("device.country");
-  MoveOptional("device.uid");
+  // Country and uid are optional; failing to move them does not stop the hub.
+  for (const char* name : {"device.country", "device.uid"}) {
+    const std::string from = std::string("/etc/config/") + name;
+    const std::string to = std::string(kAgentDir) + "/" + name;
+    const Moved moved = MoveToAgentDir(from, to);
+    if (moved == Moved::kNoSource) continue;
+    if (moved == Moved::kCopyFailed) {
+      TLOG(LOG_DEBUG) << "copy " << from << " to " << kAgentDir << " fail!!!";
+      continue;
+    }
+    TLOG(LOG_DEBUG) << "copy " << from << " to " << kAgentDir << " succeed!";
+    TLOG(LOG_DEBUG) << "delete " << from << (moved == Moved::kMoved ? " succeed!" : " failed!!!");
+  }
   return 0;
 }
 
