@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -107,6 +109,32 @@ TEST(RandomId, StaysWithinItsRange) {
     seen.insert(id);
   }
   EXPECT_GT(seen.size(), 1u);
+}
+
+// Exits 0 when the offset has the expected value and local time is now minus the offset.
+[[noreturn]] void CheckZoneAndExit(const char* zone, double offset) {
+  setenv("TZ", zone, 1);
+  const time_t now = 1700000000;
+  struct tm local, shifted;
+  localtime_r(&now, &local);
+  const time_t moved = now - static_cast<time_t>(utils::GetTimeOffset());
+  gmtime_r(&moved, &shifted);
+  const bool same = local.tm_hour == shifted.tm_hour && local.tm_min == shifted.tm_min &&
+                    local.tm_mday == shifted.tm_mday;
+  std::exit(utils::GetTimeOffset() == offset && same ? 0 : 1);
+}
+
+// The offset is read once per process, so each zone is tried in a fresh one.
+void ExpectLocalTimeIsNowMinusOffset(const char* zone, double offset) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(CheckZoneAndExit(zone, offset), ::testing::ExitedWithCode(0), "") << zone;
+}
+
+TEST(TimeOffset, IsTheZoneOffsetWestOfUtc) {
+  ExpectLocalTimeIsNowMinusOffset("UTC0", 0);
+  ExpectLocalTimeIsNowMinusOffset("CST-8", -28800);
+  ExpectLocalTimeIsNowMinusOffset("EST5", 18000);
+  ExpectLocalTimeIsNowMinusOffset("IST-5:30", -19800);
 }
 
 class Files : public ::testing::Test {
