@@ -1,0 +1,37 @@
+// What the cloud command handlers share: the command id, "params", camera MACs from params,
+// the known cameras, and the reply texts.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <string>
+#include <vector>
+
+#include "cloud/zelojson.h"
+
+namespace cmdargs {
+
+// The command's integer "id". Logs "[abnormal] msg without id" when it has none.
+bool GetId(const char* msg, int* id);
+
+// "params" of the parsed command, or nullptr after logging "params_obj is null ,return".
+json_object* GetParams(const zelojson::Doc& doc);
+
+// {"id":ID,"result":RESULT}, RESULT being JSON text.
+std::string Reply(int id, const std::string& result);
+// {"id":ID,"result":["ok"]}
+std::string OkReply(int id);
+
+// A camera MAC text from a JSON value: twelve hexadecimal digits, returned upper case. Logs
+// "Invalid camera mac: " and returns false otherwise.
+bool GetMac(json_object* value, std::string* mac);
+// The camera MAC of "params" given either as the MAC text or as an array whose first element is
+// the MAC text.
+bool GetCameraMac(json_object* params, std::string* mac);
+
+// The cameras of the configuration store: the twelve-digit section names of package "p2p".
+std::vector<std::string> CameraList();
+// True when the camera has a section in package "p2p". Logs "Unknown camera: " otherwise.
+bool IsKnownCamera(const std::string& mac);
+
+}  // namespace cmdargs
