@@ -16,8 +16,13 @@
 
 namespace platform {
 
-// The board root ("" on the hub). Read from TARVO_ROOT once.
+// The board root ("" on the hub). Read from TARVO_ROOT once and made absolute, so a later
+// change of the working folder does not move it.
 const std::string& Root();
+
+// Tests only: replaces the board root (and forgets the clock offset, the nvram view and the
+// hardware state of the old board) while no other thread uses the platform.
+void SetRootForTest(const std::string& path);
 
 // Root() + absolute path. A path that is not absolute is returned unchanged.
 std::string BoardPath(const std::string& absolute);

@@ -1,6 +1,14 @@
 // The hub's hardware library: LEDs, the button and card-detect lines, registers, the hub's MAC
-// and the camera access point. On a development machine it acts on the board's files under
-// <root>/sys, and tests inject button and card events.
+// and the camera access point. On a development machine it acts on the board's files:
+//   <root>/sys/class/net/IF/address   MAC of an interface ("aa:bb:cc:dd:ee:ff")
+//   <root>/sys/hub/led                the last LED pattern set
+//   <root>/sys/hub/reg/OFFSET         register values as numbers ("0x00200000")
+//   <root>/sys/hub/ap_disconnect      one line per station dropped from the camera AP (MAC)
+//   <root>/sys/hub/events             a fifo: lines "key CODE TYPE", "card insert", "card remove"
+// Button and card events, from the fifo or injected by tests, update the register bits (and
+// the card's device node <root>/dev/mmcblk0p1) and are handed to the registered handlers on one
+// event thread, as the hub's key service does. Card events reach the handler only once
+// gpio_hook(21) has armed the card-detect line.
 #pragma once
 
 #include <cstddef>
