@@ -1,0 +1,478 @@
+#include "p2p/viewer.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "core/log.h"
+#include "p2p/iotc.h"
+#include "p2p/transport.h"
+
+namespace p2p {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int Remaining(Clock::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// A TCP connection to host:port within the time-out; the socket is left blocking. -1 when the
+// address is unknown or the connection fails, -2 on time-out.
+int ConnectTcp(const std::string& host, uint16_t port, Clock::time_point deadline) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* res = nullptr;
+  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &res) != 0 || !res) {
+    TLOG(LOG_WARNING) << "viewer: unknown host " << host;
+    return -1;
+  }
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  int result = fd;
+  if (fd >= 0 && connect(fd, res->ai_addr, res->ai_addrlen) != 0) {
+    if (errno != EINPROGRESS) {
+      result = -1;
+    } else {
+      pollfd p{fd, POLLOUT, 0};
+      const int n = poll(&p, 1, Remaining(deadline));
+      int err = 0;
+      socklen_t len = sizeof err;
+      if (n == 0) {
+        result = -2;
+      } else if (n < 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0) {
+        result = -1;
+      }
+    }
+  }
+  freeaddrinfo(res);
+  if (result < 0) {
+    if (fd >= 0) close(fd);
+    return result;
+  }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  const int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  // A hub that stops reading for the idle time counts as gone.
+  timeval tv{};
+  const int idle = GetLinkTimeouts().idle_ms;
+  tv.tv_sec = idle / 1000;
+  tv.tv_usec = (idle % 1000) * 1000;
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+  return fd;
+}
+
+}  // namespace
+
+Viewer::~Viewer() {
+  Close();
+}
+
+int Viewer::status() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return status_;
+}
+
+void Viewer::End(int code) {
+  if (status_ == 0) status_ = code;
+  cv_.notify_all();
+}
+
+int Viewer::Send(const std::vector<uint8_t>& bytes) {
+  std::lock_guard<std::mutex> lock(write_mu_);
+  if (fd_ < 0) return AV_ER_INVALID_SID;
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      TLOG(LOG_WARNING) << "viewer: send to the hub failed: " << strerror(errno);
+      {
+        std::lock_guard<std::mutex> state(mu_);
+        End(AV_ER_REMOTE_TIMEOUT_DISCONNECT);
+      }
+      shutdown(fd_, SHUT_RDWR);
+      return AV_ER_REMOTE_TIMEOUT_DISCONNECT;
+    }
+    done += static_cast<size_t>(n);
+  }
+  last_tx_ = Clock::now();
+  return 0;
+}
+
+int Viewer::Connect(const std::string& host, uint16_t port, const std::string& uid,
+                    const std::string& password, int timeout_ms) {
+  if (fd_ >= 0 || uid.size() > wire::kMaxUid || password.size() > wire::kMaxPassword)
+    return IOTC_ER_INVALID_ARG;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  const int fd = ConnectTcp(host, port, deadline);
+  if (fd == -2) return IOTC_ER_TIMEOUT;
+  if (fd < 0) {
+    TLOG(LOG_WARNING) << "viewer: no connection to " << host << ":" << port;
+    return IOTC_ER_CONNECT_FAILED;
+  }
+  {
+    std::lock_guard<std::mutex> lock(write_mu_);
+    fd_ = fd;
+  }
+  wire::Hello hello;
+  hello.uid = uid;
+  hello.password = password;
+  hello.library_version = kLibraryVersion;
+  int result = Send(wire::EncodeHello(hello)) == 0 ? IOTC_ER_TIMEOUT : IOTC_ER_CONNECT_FAILED;
+  wire::HelloResult answer;
+  uint8_t buf[4096];
+  while (result == IOTC_ER_TIMEOUT) {
+    wire::Message m;
+    const auto r = decoder_.Next(&m);
+    if (r == wire::Decoder::kMessage) {
+      if (m.type != static_cast<uint8_t>(wire::MsgType::kHelloResult) ||
+          !wire::ParseHelloResult(m.payload, &answer)) {
+        result = IOTC_ER_PROTOCOL;
+      } else {
+        result = answer.result;
+      }
+      break;
+    }
+    if (r == wire::Decoder::kError) {
+      result = IOTC_ER_PROTOCOL;
+      break;
+    }
+    pollfd p{fd, POLLIN, 0};
+    const int left = Remaining(deadline);
+    if (left == 0 || poll(&p, 1, left) <= 0) break;
+    const ssize_t n = recv(fd, buf, sizeof buf, 0);
+    if (n <= 0) {
+      result = IOTC_ER_CONNECT_FAILED;
+      break;
+    }
+    decoder_.Feed(buf, static_cast<size_t>(n));
+  }
+  if (result != IOTC_ER_NoERROR) {
+    TLOG(LOG_DEBUG) << "viewer: session request to " << host << ":" << port
+                    << " failed, code: " << result;
+    std::lock_guard<std::mutex> lock(write_mu_);
+    close(fd_);
+    fd_ = -1;
+    decoder_ = wire::Decoder(wire::Reader::kViewer);
+    return result;
+  }
+  sid_ = answer.sid;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    status_ = 0;
+    stop_ = false;
+    login_result_.fill(0);
+    login_answered_.fill(false);
+    server_stopped_.fill(false);
+    talk_.fill(Talk::kNone);
+    talk_no_.fill(0);
+    ioctrl_.clear();
+    frames_.clear();
+    frame_bytes_ = 0;
+  }
+  reader_ = std::thread(&Viewer::Reader, this);
+  TLOG(LOG_DEBUG) << "viewer: session " << sid_ << " open on " << host << ":" << port;
+  return 0;
+}
+
+bool Viewer::Handle(const wire::Message& m) {
+  using wire::MsgType;
+  const uint8_t ch = m.channel;
+  switch (static_cast<MsgType>(m.type)) {
+    case MsgType::kPing:
+      return true;
+    case MsgType::kBye: {
+      std::lock_guard<std::mutex> lock(mu_);
+      End(AV_ER_SESSION_CLOSE_BY_REMOTE);
+      return false;
+    }
+    case MsgType::kAvLoginResult: {
+      wire::LoginResult r;
+      if (!wire::ParseLoginResult(m.payload, &r)) break;
+      std::lock_guard<std::mutex> lock(mu_);
+      login_result_[ch] = r.result;
+      login_answered_[ch] = true;
+      cv_.notify_all();
+      return true;
+    }
+    case MsgType::kClientLogin: {
+      wire::Login l;
+      if (!wire::ParseLogin(m.payload, &l)) break;
+      wire::LoginResult answer;
+      {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (talk_[ch] != Talk::kNone) {
+          talk_[ch] = Talk::kJoined;
+          talk_no_[ch] = 0;
+          cv_.notify_all();
+        } else {
+          answer.result = AV_ER_SERV_NO_RESPONSE;
+        }
+      }
+      Send(wire::EncodeLoginResult(MsgType::kClientLoginResult, ch, answer));
+      return true;
+    }
+    case MsgType::kChannelStop: {
+      std::lock_guard<std::mutex> lock(mu_);
+      if (talk_[ch] == Talk::kJoined) {
+        talk_[ch] = Talk::kWaiting;
+      } else if (talk_[ch] == Talk::kNone) {
+        server_stopped_[ch] = true;
+      }
+      cv_.notify_all();
+      return true;
+    }
+    case MsgType::kIoCtrl: {
+      wire::IoCtrl io;
+      if (!wire::ParseIoCtrl(m.payload, &io)) break;
+      std::lock_guard<std::mutex> lock(mu_);
+      ioctrl_.push_back(ViewerIoCtrl{ch, io.type, std::move(io.data)});
+      cv_.notify_all();
+      return true;
+    }
+    case MsgType::kVideo:
+    case MsgType::kAudio: {
+      const bool video = m.type == static_cast<uint8_t>(MsgType::kVideo);
+      wire::Frame f;
+      if (!wire::ParseFrame(m.payload, video ? wire::kMaxVideoData : wire::kMaxAudioData, &f))
+        break;
+      std::lock_guard<std::mutex> lock(mu_);
+      frame_bytes_ += f.data.size();
+      frames_.push_back(ViewerFrame{video, ch, f.number, std::move(f.info), std::move(f.data)});
+      cv_.notify_all();
+      return true;
+    }
+    default:
+      break;
+  }
+  TLOG(LOG_WARNING) << "viewer: malformed message of type " << static_cast<int>(m.type)
+                    << " from the hub, session dropped";
+  std::lock_guard<std::mutex> lock(mu_);
+  End(AV_ER_REMOTE_TIMEOUT_DISCONNECT);
+  return false;
+}
+
+void Viewer::Reader() {
+  const LinkTimeouts timing = GetLinkTimeouts();
+  const auto ping = std::chrono::milliseconds(timing.ping_ms);
+  const auto idle = std::chrono::milliseconds(timing.idle_ms);
+  const auto tick = std::chrono::milliseconds(std::clamp(timing.ping_ms / 2, 10, 250));
+  auto ping_due = [&] {
+    std::lock_guard<std::mutex> lock(write_mu_);
+    return Clock::now() - last_tx_ >= ping;
+  };
+  auto last_rx = Clock::now();
+  std::vector<uint8_t> buf(65536);
+  bool running = true;
+  // Messages that arrived with the session answer.
+  for (;;) {
+    wire::Message m;
+    const auto r = decoder_.Next(&m);
+    if (r != wire::Decoder::kMessage) break;
+    if (!Handle(m)) running = false;
+  }
+  while (running) {
+    {
+      std::unique_lock<std::mutex> lock(mu_);
+      bool waited = false;
+      while (!stop_ && status_ == 0 &&
+             (frames_.size() >= kFrameQueueFrames || frame_bytes_ >= kFrameQueueBytes ||
+              ioctrl_.size() >= kViewerIoCtrlQueue)) {
+        // The application is behind: leave the hub's bytes in the socket until it catches up.
+        waited = true;
+        cv_.wait_for(lock, tick);
+        lock.unlock();
+        if (ping_due()) Send(wire::EncodeEmpty(wire::MsgType::kPing, 0));
+        lock.lock();
+      }
+      if (stop_ || status_ != 0) break;
+      if (waited) last_rx = Clock::now();
+    }
+    pollfd p{fd_, POLLIN, 0};
+    const int n = poll(&p, 1, static_cast<int>(tick.count()));
+    const auto now = Clock::now();
+    if (n > 0) {
+      const ssize_t got = recv(fd_, buf.data(), buf.size(), 0);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (!stop_) TLOG(LOG_WARNING) << "viewer: the hub's connection ended without goodbye";
+        End(AV_ER_REMOTE_TIMEOUT_DISCONNECT);
+        break;
+      }
+      last_rx = now;
+      decoder_.Feed(buf.data(), static_cast<size_t>(got));
+      for (;;) {
+        wire::Message m;
+        const auto r = decoder_.Next(&m);
+        if (r == wire::Decoder::kNeedMore) break;
+        if (r == wire::Decoder::kError) {
+          TLOG(LOG_WARNING) << "viewer: bad input from the hub: " << decoder_.error();
+          std::lock_guard<std::mutex> lock(mu_);
+          End(AV_ER_REMOTE_TIMEOUT_DISCONNECT);
+          running = false;
+          break;
+        }
+        if (!Handle(m)) {
+          running = false;
+          break;
+        }
+      }
+    } else if (now - last_rx >= idle) {
+      TLOG(LOG_WARNING) << "viewer: nothing from the hub for " << timing.idle_ms << " ms";
+      std::lock_guard<std::mutex> lock(mu_);
+      End(AV_ER_REMOTE_TIMEOUT_DISCONNECT);
+      break;
+    }
+    if (running && ping_due()) Send(wire::EncodeEmpty(wire::MsgType::kPing, 0));
+  }
+  std::lock_guard<std::mutex> lock(mu_);
+  cv_.notify_all();
+}
+
+int Viewer::Login(const std::string& account, const std::string& login_text, int timeout_ms,
+                  uint8_t channel) {
+  if (channel >= wire::kMaxChannels || account.size() > wire::kMaxAccount ||
+      login_text.size() > wire::kMaxLoginText)
+    return AV_ER_INVALID_ARG;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (status_ != 0) return status_;
+    if (login_answered_[channel] || talk_[channel] != Talk::kNone) return AV_ER_INVALID_ARG;
+  }
+  if (int r = Send(wire::EncodeLogin(wire::MsgType::kAvLogin, channel, account, login_text)))
+    return r;
+  std::unique_lock<std::mutex> lock(mu_);
+  if (!cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                    [&] { return login_answered_[channel] || status_ != 0; }))
+    return AV_ER_TIMEOUT;
+  return login_answered_[channel] ? login_result_[channel] : status_;
+}
+
+int Viewer::SendIoCtrl(uint32_t type, const void* data, size_t len, uint8_t channel) {
+  if (channel >= wire::kMaxChannels || len > wire::kMaxIoCtrl || (data == nullptr && len > 0))
+    return AV_ER_INVALID_ARG;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (status_ != 0) return status_;
+    if (server_stopped_[channel]) return AV_ER_SERVER_EXIT;
+    const bool logged_in = login_answered_[channel] && login_result_[channel] == 0;
+    if (!logged_in && talk_[channel] != Talk::kJoined) return AV_ER_CLIENT_NO_AVLOGIN;
+  }
+  return Send(wire::EncodeIoCtrl(channel, type, data, len));
+}
+
+int Viewer::RecvIoCtrl(ViewerIoCtrl* out, int timeout_ms) {
+  if (out == nullptr) return AV_ER_INVALID_ARG;
+  std::unique_lock<std::mutex> lock(mu_);
+  if (!cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                    [&] { return !ioctrl_.empty() || status_ != 0; }))
+    return AV_ER_TIMEOUT;
+  if (ioctrl_.empty()) return status_;
+  *out = std::move(ioctrl_.front());
+  ioctrl_.pop_front();
+  cv_.notify_all();
+  return static_cast<int>(out->data.size());
+}
+
+int Viewer::RecvFrame(ViewerFrame* out, int timeout_ms) {
+  if (out == nullptr) return AV_ER_INVALID_ARG;
+  std::unique_lock<std::mutex> lock(mu_);
+  if (!cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                    [&] { return !frames_.empty() || status_ != 0; }))
+    return AV_ER_TIMEOUT;
+  if (frames_.empty()) return status_;
+  *out = std::move(frames_.front());
+  frames_.pop_front();
+  frame_bytes_ -= out->data.size();
+  cv_.notify_all();
+  return static_cast<int>(out->data.size());
+}
+
+int Viewer::OpenTalkback(uint8_t channel) {
+  if (channel == 0 || channel >= wire::kMaxChannels) return AV_ER_INVALID_ARG;
+  std::lock_guard<std::mutex> lock(mu_);
+  if (status_ != 0) return status_;
+  if (login_answered_[channel]) return AV_ER_INVALID_ARG;
+  if (talk_[channel] == Talk::kNone) talk_[channel] = Talk::kWaiting;
+  return 0;
+}
+
+int Viewer::WaitTalkback(uint8_t channel, int timeout_ms) {
+  if (channel >= wire::kMaxChannels) return AV_ER_INVALID_ARG;
+  std::unique_lock<std::mutex> lock(mu_);
+  if (talk_[channel] == Talk::kNone) return AV_ER_INVALID_ARG;
+  if (!cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                    [&] { return talk_[channel] == Talk::kJoined || status_ != 0; }))
+    return AV_ER_TIMEOUT;
+  return status_;
+}
+
+int Viewer::SendAudio(uint8_t channel, const void* info, size_t info_len, const void* data,
+                      size_t len) {
+  if (channel >= wire::kMaxChannels || info_len > wire::kMaxFrameInfo ||
+      (info == nullptr && info_len > 0) || data == nullptr || len == 0 || len > wire::kMaxAudioData)
+    return AV_ER_INVALID_ARG;
+  uint32_t number = 0;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (status_ != 0) return status_;
+    if (talk_[channel] != Talk::kJoined) return AV_ER_CLIENT_NO_AVLOGIN;
+    number = talk_no_[channel]++;
+  }
+  return Send(wire::EncodeFrame(wire::MsgType::kAudio, channel, number, info, info_len, data, len));
+}
+
+int Viewer::CloseTalkback(uint8_t channel) {
+  if (channel == 0 || channel >= wire::kMaxChannels) return AV_ER_INVALID_ARG;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (talk_[channel] == Talk::kNone) return AV_ER_INVALID_ARG;
+    talk_[channel] = Talk::kNone;
+    if (status_ != 0) return status_;
+  }
+  return Send(wire::EncodeEmpty(wire::MsgType::kChannelStop, channel));
+}
+
+void Viewer::Shutdown(bool goodbye) {
+  int fd;
+  {
+    std::lock_guard<std::mutex> lock(write_mu_);
+    fd = fd_;
+  }
+  if (fd < 0) return;
+  if (goodbye && status() == 0) Send(wire::EncodeEmpty(wire::MsgType::kBye, 0));
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    stop_ = true;
+    status_ = AV_ER_INVALID_SID;
+    cv_.notify_all();
+  }
+  shutdown(fd, SHUT_RDWR);
+  if (reader_.joinable()) reader_.join();
+  std::lock_guard<std::mutex> lock(write_mu_);
+  close(fd_);
+  fd_ = -1;
+}
+
+void Viewer::Close() {
+  Shutdown(true);
+}
+
+void Viewer::Abort() {
+  Shutdown(false);
+}
+
+}  // namespace p2p

@@ -1,0 +1,122 @@
+// The viewer side of the open P2P transport: opens a session on the hub, logs in on the AV
+// channel the hub serves, exchanges I/O-control messages, receives video and audio frames with
+// their frame information, and serves talkback channels that the hub joins to receive audio.
+//
+// Results use the codes of iotc.h: IOTC codes for the session request, AV codes for the rest.
+// A background thread reads the hub's messages. When the application leaves frames unread
+// (kFrameQueueFrames or kFrameQueueBytes held) that thread stops reading the socket, so the
+// hub's send queue for this viewer fills up instead of frames being dropped here.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "p2p/wire.h"
+
+namespace p2p {
+
+constexpr size_t kFrameQueueFrames = 256;
+constexpr size_t kFrameQueueBytes = 8 * 1024 * 1024;
+constexpr size_t kViewerIoCtrlQueue = 256;
+
+struct ViewerFrame {
+  bool video = true;  // a video frame, else an audio frame
+  uint8_t channel = 0;
+  uint32_t number = 0;  // counted from 0 per channel and kind by the hub
+  std::vector<uint8_t> info;
+  std::vector<uint8_t> data;
+};
+
+struct ViewerIoCtrl {
+  uint8_t channel = 0;
+  uint32_t type = 0;
+  std::vector<uint8_t> data;
+};
+
+class Viewer {
+ public:
+  Viewer() = default;
+  ~Viewer();
+  Viewer(const Viewer&) = delete;
+  Viewer& operator=(const Viewer&) = delete;
+
+  // Opens a session on the hub at host:port for the hub's uid and its P2P password. 0, or
+  // IOTC_ER_CONNECT_FAILED, IOTC_ER_TIMEOUT, IOTC_ER_PROTOCOL, or the hub's refusal
+  // (IOTC_ER_EXCEED_MAX_SESSION, IOTC_ER_UNKNOWN_DEVICE, IOTC_ER_WRONG_PASSWORD,
+  // IOTC_ER_DEVICE_NOT_LOGGED_IN).
+  int Connect(const std::string& host, uint16_t port, const std::string& uid,
+              const std::string& password, int timeout_ms = 10000);
+  int sid() const { return sid_; }
+
+  // Logs in on the AV channel the hub serves (channel 0 unless told) with an account and a
+  // login text, and waits for the hub's answer: 0, AV_ER_WRONG_VIEWACCorPWD,
+  // AV_ER_EXCEED_MAX_CHANNEL, AV_ER_TIMEOUT or the session's end code.
+  int Login(const std::string& account, const std::string& login_text, int timeout_ms,
+            uint8_t channel = 0);
+
+  // One I/O-control message to the hub (at most 1024 bytes). 0 or a negative code.
+  int SendIoCtrl(uint32_t type, const void* data, size_t len, uint8_t channel = 0);
+  // The next I/O-control message from the hub: its length, AV_ER_TIMEOUT, or the session's end
+  // code once everything received has been read.
+  int RecvIoCtrl(ViewerIoCtrl* out, int timeout_ms);
+  // The next video or audio frame, in the order the hub sent them: the data length,
+  // AV_ER_TIMEOUT, or the end code once everything received has been read.
+  int RecvFrame(ViewerFrame* out, int timeout_ms);
+
+  // Serves a talkback channel (1..31) for the hub to join. 0 or AV_ER_INVALID_ARG.
+  int OpenTalkback(uint8_t channel);
+  // Waits until the hub has joined the channel: 0, AV_ER_TIMEOUT or the end code.
+  int WaitTalkback(uint8_t channel, int timeout_ms);
+  // One audio frame on a joined talkback channel; frames are numbered from 0 per channel.
+  // 0, AV_ER_CLIENT_NO_AVLOGIN when the hub has not joined or has left, or another code.
+  int SendAudio(uint8_t channel, const void* info, size_t info_len, const void* data, size_t len);
+  // Stops serving the channel and tells the hub.
+  int CloseTalkback(uint8_t channel);
+
+  // Says goodbye and closes the connection. Later calls return AV_ER_INVALID_SID.
+  void Close();
+  // Drops the connection without goodbye, as a viewer that vanishes would.
+  void Abort();
+
+  // 0 while the session is open, else the AV code of its end (AV_ER_INVALID_SID before
+  // Connect and after Close or Abort).
+  int status() const;
+
+ private:
+  enum class Talk { kNone, kWaiting, kJoined };
+  int Send(const std::vector<uint8_t>& bytes);
+  void Reader();
+  bool Handle(const wire::Message& m);  // false: the session ended
+  void End(int code);                   // expects mu_
+  void Shutdown(bool goodbye);
+
+  int fd_ = -1;
+  int sid_ = -1;
+  wire::Decoder decoder_{wire::Reader::kViewer};
+  std::thread reader_;
+
+  mutable std::mutex mu_;
+  std::condition_variable cv_;
+  int status_ = -20010;  // AV_ER_INVALID_SID until a session is open
+  bool stop_ = false;
+  std::array<int, wire::kMaxChannels> login_result_{};
+  std::array<bool, wire::kMaxChannels> login_answered_{};
+  std::array<bool, wire::kMaxChannels> server_stopped_{};
+  std::array<Talk, wire::kMaxChannels> talk_{};
+  std::array<uint32_t, wire::kMaxChannels> talk_no_{};
+  std::deque<ViewerIoCtrl> ioctrl_;
+  std::deque<ViewerFrame> frames_;
+  size_t frame_bytes_ = 0;
+
+  std::mutex write_mu_;
+  std::chrono::steady_clock::time_point last_tx_;  // guarded by write_mu_
+};
+
+}  // namespace p2p
