@@ -66,7 +66,7 @@ bool ReadFile(const std::string& path, std::string* out, size_t max) {
   return true;
 }
 
-int WriteFileAtomic(const std::string& path, const std::string& content, mode_t mode) {
+int WriteFileAtomic(const std::string& path, const std::string& content, mode_t mode, bool sync) {
   const size_t slash = path.rfind('/');
   const std::string dir =
       slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
@@ -80,7 +80,8 @@ int WriteFileAtomic(const std::string& path, const std::string& content, mode_t 
     return -1;
   }
   const std::string tmp(name.data());
-  bool ok = fchmod(fd, mode) == 0 && WriteAll(fd, content.data(), content.size()) && fsync(fd) == 0;
+  bool ok = fchmod(fd, mode) == 0 && WriteAll(fd, content.data(), content.size()) &&
+            (!sync || fsync(fd) == 0);
   ok = (close(fd) == 0) && ok;
   if (!ok) {
     TLOG(LOG_ERR) << "Write " << path << " failed: " << std::strerror(errno);
@@ -93,7 +94,7 @@ int WriteFileAtomic(const std::string& path, const std::string& content, mode_t 
     unlink(tmp.c_str());
     return -1;
   }
-  SyncFolder(dir);
+  if (sync) SyncFolder(dir);
   return 0;
 }
 

@@ -110,7 +110,9 @@ class Writer {
   bool File(const std::string& rel, const std::string& content, mode_t mode = 0644) {
     const std::string path = root_ + rel;
     if (!Dir(rel.substr(0, rel.rfind('/')))) return false;
-    if (boardfs::WriteFileAtomic(path, content, mode) < 0) return Fail("cannot write " + path);
+    if (boardfs::WriteFileAtomic(path, content, mode, false) < 0) {
+      return Fail("cannot write " + path);
+    }
     return true;
   }
   bool Package(const std::string& name, const uci::Package& package) {

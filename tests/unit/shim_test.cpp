@@ -1,0 +1,175 @@
+// The board's shims, reached the way the hub's code reaches them: shell commands through the
+// platform's runner, with board paths.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "platform/board.h"
+#include "platform/boardmaker.h"
+#include "platform/hwlib.h"
+#include "platform/nvram.h"
+#include "support/testsupport.h"
+
+namespace {
+
+using testsupport::FileExists;
+using testsupport::ReadFile;
+using testsupport::WriteFile;
+
+struct Result {
+  int status = -1;  // exit status, or -1
+  std::string output;
+};
+
+class ShimTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(FileExists(testsupport::BinPath("tarvo-shim")))
+        << "build tarvo-shim first (ninja tarvo-shim)";
+    platform::BoardSpec spec;
+    spec.shim = testsupport::BinPath("tarvo-shim");
+    std::string error;
+    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), spec, &error), 0) << error;
+    platform::SetRootForTest(dir_.path());
+    root_ = dir_.path();
+  }
+  void TearDown() override { platform::SetRootForTest(""); }
+
+  // Runs a shell command through the platform, standard error folded into the output.
+  Result Run(const std::string& command) {
+    Result result;
+    FILE* stream = platform::Popen(command + " 2>&1", "r");
+    if (stream == nullptr) return result;
+    char buf[512];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof(buf), stream)) > 0) result.output.append(buf, n);
+    const int status = platform::Pclose(stream);
+    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+    return result;
+  }
+  std::string B(const std::string& path) { return platform::BoardPath(path); }
+
+  testsupport::TempDir dir_;
+  std::string root_;
+};
+
+TEST_F(ShimTest, NvramToolAndLibraryShareOneStore) {
+  Result r = Run("nvram set p2p uid 'VIA SHIM' && nvram commit");
+  ASSERT_EQ(r.status, 0) << r.output;
+  ASSERT_EQ(nvram_filecache(), 0);
+  ASSERT_EQ(nvram_parse(), 0);
+  char value[32];
+  ASSERT_EQ(nvram_get("p2p", "uid", value, sizeof(value)), 0);
+  EXPECT_STREQ(value, "VIA SHIM");
+
+  ASSERT_EQ(nvram_set("p2p", "legalstatus", "1"), 0);  // set, not committed
+  EXPECT_EQ(Run("nvram get p2p legalstatus").output, "1\n");
+  EXPECT_EQ(Run("nvram show").output,
+            "p2p.did=1000000001\np2p.key=TarvoDeviceKey01\np2p.legalstatus=1\n"
+            "p2p.mac=021A2B3C4D5E\np2p.uid=VIA SHIM\n");
+  EXPECT_EQ(Run("nvram get p2p nothing").status, 1);
+
+  EXPECT_EQ(Run("nvram set p2p 'u id' x").status, 1);
+  EXPECT_EQ(Run("nvram set p2p uid").status, 1);
+  EXPECT_EQ(Run("nvram set p2p uid \"$(printf 'a\\nb')\"").status, 1);
+  EXPECT_EQ(Run("nvram frobnicate").status, 1);
+  EXPECT_EQ(Run("nvram get p2p uid").output, "VIA SHIM\n");
+}
+
+TEST_F(ShimTest, CardMountFormatAndUnmountAsTheHubRunsThem) {
+  const std::string mounted = "cat " + B("/proc/mounts") + " | grep 'dev/mmcblk0p1'";
+  const std::string readonly = mounted + " | grep 'ro,relatime'";
+  const std::string mount = "mkdir -p " + B("/mnt/mmcblk0p1") + " & mount -t auto " +
+                            B("/dev/mmcblk0p1") + " " + B("/mnt/mmcblk0p1");
+  const std::string format = "mkfs.vfat " + B("/dev/mmcblk0p1");
+  const std::string unmount =
+      "umount " + B("/mnt/mmcblk0p1") + " && rm -rf " + B("/mnt/mmcblk0p1") + "/*";
+
+  EXPECT_EQ(Run(mounted).output, "");
+  EXPECT_NE(Run(mount).output, "");  // no card: the device node is missing
+
+  platform::InjectCardEvent(true);
+  EXPECT_EQ(Run(mount).output, "");
+  EXPECT_NE(Run(mounted).output, "");
+  EXPECT_NE(Run(mount).output, "");  // already mounted
+  EXPECT_EQ(Run(readonly).output, "");
+
+  EXPECT_EQ(Run("mount -o remount,ro " + B("/dev/mmcblk0p1") + " " + B("/mnt/mmcblk0p1")).status,
+            0);
+  EXPECT_NE(Run(readonly).output, "");
+  // the hub's remount names a device that does not exist; the mount point decides
+  EXPECT_EQ(Run("mount -o remount,rw " + B("/dev/mmcblkc0p1") + " " + B("/mnt/mmcblk0p1")).status,
+            0);
+  EXPECT_EQ(Run(readonly).output, "");
+
+  WriteFile(root_ + "/mnt/mmcblk0p1/record/a.mp4", "clip");
+  EXPECT_NE(Run(format).output, "");  // refused while mounted
+  EXPECT_TRUE(FileExists(root_ + "/mnt/mmcblk0p1/record/a.mp4"));
+  EXPECT_EQ(Run(unmount).output, "");
+  EXPECT_EQ(Run(mounted).output, "");
+  EXPECT_TRUE(std::filesystem::is_empty(root_ + "/mnt/mmcblk0p1"));
+  EXPECT_NE(Run("umount " + B("/mnt/mmcblk0p1")).output, "");  // not mounted
+
+  WriteFile(root_ + "/mnt/mmcblk0p1/left.txt", "x");
+  EXPECT_EQ(Run(format).output, "");
+  EXPECT_TRUE(std::filesystem::is_empty(root_ + "/mnt/mmcblk0p1"));
+  EXPECT_EQ(ReadFile(root_ + "/var/log/mkfs.vfat.log"), "mkfs.vfat /dev/mmcblk0p1\n");
+
+  EXPECT_EQ(Run("insmod mtk_sd.ko").status, 0);
+  EXPECT_NE(ReadFile(root_ + "/proc/modules").find("mtk_sd "), std::string::npos);
+  EXPECT_EQ(Run("insmod mtk_sd.ko").status, 1);
+  EXPECT_EQ(Run("rmmod mtk_sd").status, 0);
+  EXPECT_EQ(ReadFile(root_ + "/proc/modules"), "");
+}
+
+TEST_F(ShimTest, UpgradeRebootAndInterfacesAreOnlyRecorded) {
+  EXPECT_EQ(Run("sysupgrade " + B("/tmp/hub_upgrade.bin")).status, 0);
+  EXPECT_EQ(Run("echo error reboot > " + B("/dev/ttyS1") + "; reboot").status, 0);
+  EXPECT_EQ(ReadFile(root_ + "/var/log/sysupgrade.log"), "sysupgrade /tmp/hub_upgrade.bin\n");
+  EXPECT_EQ(ReadFile(root_ + "/var/log/reboot.log"), "reboot\n");
+
+  EXPECT_EQ(Run("ifconfig ra1 up").status, 0);
+  EXPECT_EQ(ReadFile(root_ + "/sys/class/net/ra1/operstate"), "up\n");
+  EXPECT_EQ(Run("ifconfig ra0 down").status, 0);
+  EXPECT_EQ(ReadFile(root_ + "/sys/class/net/ra0/operstate"), "down\n");
+  EXPECT_NE(Run("ifconfig eth0").output.find("HWaddr 02:1A:2B:3C:4D:5E"), std::string::npos);
+  EXPECT_EQ(Run("ifconfig wlan7 up").status, 1);
+  EXPECT_EQ(Run("ifconfig ../x up").status, 1);
+
+  const std::string log = ReadFile(root_ + "/var/log/shims.log");
+  EXPECT_NE(log.find(" sysupgrade " + B("/tmp/hub_upgrade.bin") + " => 0\n"), std::string::npos);
+  EXPECT_NE(log.find(" reboot => 0\n"), std::string::npos);
+  EXPECT_NE(log.find(" ifconfig wlan7 up => 1 (wlan7: "), std::string::npos);
+}
+
+TEST_F(ShimTest, PathsOutsideTheBoardAreRefused) {
+  std::filesystem::create_directory_symlink("/etc", root_ + "/tmp/link");
+  const std::string before = ReadFile(root_ + "/proc/mounts");
+  platform::InjectCardEvent(true);
+  for (const std::string& command : std::vector<std::string>{
+           "mount -t auto /dev/sda1 " + B("/mnt/mmcblk0p1"),
+           "mount -t auto " + B("/dev/mmcblk0p1") + " /mnt", "umount /mnt", "mkfs.vfat /dev/sda1",
+           "sysupgrade /tmp/hub_upgrade.bin", "reboot /etc", "sysupgrade " + B("/tmp/link/passwd"),
+           "sysupgrade " + B("/tmp/../../etc/passwd")}) {
+    Result r = Run(command);
+    EXPECT_EQ(r.status, 1) << command;
+    EXPECT_NE(r.output.find("lies outside the board root"), std::string::npos) << r.output;
+  }
+  EXPECT_EQ(ReadFile(root_ + "/proc/mounts"), before);
+  EXPECT_FALSE(FileExists(root_ + "/var/log/sysupgrade.log"));
+  EXPECT_FALSE(FileExists(root_ + "/var/log/reboot.log"));
+  EXPECT_FALSE(FileExists(root_ + "/var/log/mkfs.vfat.log"));
+
+  // a shim that is not in a board's bin/ has no board to act on
+  testsupport::Process stray({testsupport::BinPath("tarvo-shim"), "reboot"}, {});
+  const int status = stray.Wait();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  EXPECT_TRUE(stray.HasLine("runs only from a board root's bin/ folder"));
+}
+
+}  // namespace
