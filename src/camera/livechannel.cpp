@@ -1,0 +1,768 @@
+#include "camera/livechannel.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "camera/cloudrequest.h"
+#include "camera/command.h"
+#include "core/configuration.h"
+#include "core/eventloop.h"
+#include "core/log.h"
+#include "core/utils.h"
+#include "platform/board.h"
+#include "platform/hwlib.h"
+#include "platform/uci.h"
+
+namespace channel {
+namespace {
+
+constexpr auto kSendPause = std::chrono::milliseconds(10);
+constexpr auto kUdpWakePause = std::chrono::milliseconds(100);
+constexpr char kArpTable[] = "/proc/net/arp";
+const uint8_t kUnaddressed[6] = {0, 0, 0, 0, 0, 0};
+
+std::atomic<int> g_active_udp_wakes{0};
+
+std::string Key(const std::string& mac, const char* option) {
+  return "p2p." + mac + "." + option;
+}
+
+void SetTextConfig(const std::string& mac, const char* option, int value) {
+  const std::string text = std::to_string(value);
+  zcfg_uci_set(Key(mac, option).c_str(), text.c_str());
+}
+
+}  // namespace
+
+struct LiveChannel::Connection {
+  explicit Connection(int sockfd) : fd(sockfd) {}
+  ~Connection() { close(fd); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  const int fd;
+  std::mutex send_mutex;  // one frame on the wire at a time
+};
+
+bool Schedule::Covers(int minute_of_day) const {
+  int start = start_hour * 60 + start_min;
+  int stop = stop_hour * 60 + stop_min;
+  if (stop > 1440) stop = 1440;
+  if (start == stop) return true;
+  if (start < stop) return minute_of_day >= start && minute_of_day < stop;
+  return minute_of_day >= start || minute_of_day < stop;
+}
+
+int64_t LiveChannel::SystemUptime() {
+  struct timespec ts;
+  clock_gettime(CLOCK_BOOTTIME, &ts);
+  return ts.tv_sec;
+}
+
+LiveChannel::LiveChannel(const std::string& mac)
+    : LiveChannel(std::make_shared<camera::Camera>(utils::ConvertToUppercase(mac)),
+                  Configuration::getInstance().GetMac()) {
+  camera_->LoadConfig();
+}
+
+LiveChannel::LiveChannel(std::shared_ptr<camera::Camera> camera, const std::string& hub_mac)
+    : camera_(std::move(camera)),
+      hub_mac_(command::MacDigits(hub_mac)),
+      rx_(kRecvBufferSize),
+      uptime_(&LiveChannel::SystemUptime) {
+  if (utils::ConverToUint8(hub_mac_.c_str(), hub_addr_) < 0) {
+    TLOG(LOG_DEBUG) << "Invalid hub mac for camera " << mac() << ": " << hub_mac;
+  }
+  ev_io_init(&watcher_, &LiveChannel::OnReadable, -1, EV_READ);
+  watcher_.data = this;
+  MakeSinks(*this);
+}
+
+LiveChannel::~LiveChannel() {
+  // Release has stopped the watcher on the loop thread; a channel that never left the loop's
+  // hands that way is only destroyed while the loop does not run.
+  if (ev_is_active(&watcher_)) ev_io_stop(eventloop::Loop(), &watcher_);
+}
+
+void LiveChannel::Release(std::shared_ptr<LiveChannel> channel) {
+  if (channel == nullptr) return;
+  eventloop::RunInLoop([channel]() mutable {
+    channel->CloseConnect();
+    channel.reset();
+  });
+}
+
+std::shared_ptr<LiveChannel::Connection> LiveChannel::GetConnection() const {
+  std::lock_guard<std::mutex> lock(conn_mutex_);
+  return conn_;
+}
+
+bool LiveChannel::IsConnected() const {
+  return CanSend(GetConnection());
+}
+
+bool LiveChannel::CanSend(const std::shared_ptr<Connection>& conn) const {
+  return conn != nullptr && camera_->state() >= camera::kStateConnected;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Connection
+
+void LiveChannel::InitConnect(int sockfd) {
+  auto conn = std::make_shared<Connection>(sockfd);
+  std::shared_ptr<Connection> old;
+  {
+    std::lock_guard<std::mutex> lock(conn_mutex_);
+    old.swap(conn_);
+    conn_ = conn;
+  }
+  if (old != nullptr) shutdown(old->fd, SHUT_RDWR);
+  camera_->SetState(camera::kStateConnected);
+  TLOG(LOG_DEBUG) << "init connect sockfd: " << sockfd;
+  struct ev_loop* loop = eventloop::Loop();
+  if (ev_is_active(&watcher_)) ev_io_stop(loop, &watcher_);
+  rx_.Clear();
+  ev_io_set(&watcher_, sockfd, EV_READ);
+  ev_io_start(loop, &watcher_);
+  last_recv_time_.store(Now());
+  wake_replacements_.store(0);
+}
+
+void LiveChannel::CloseConnect() {
+  std::shared_ptr<Connection> old;
+  {
+    std::lock_guard<std::mutex> lock(conn_mutex_);
+    old.swap(conn_);
+  }
+  if (ev_is_active(&watcher_)) ev_io_stop(eventloop::Loop(), &watcher_);
+  rx_.Clear();
+  if (old == nullptr) return;
+  TLOG(LOG_DEBUG) << "close rxbuf and old sockfd: " << old->fd;
+  // Senders still holding the connection fail from here on; the descriptor is closed when the
+  // last of them lets go.
+  shutdown(old->fd, SHUT_RDWR);
+  camera_->SetState(camera::kStateLost);
+}
+
+void LiveChannel::OnReadable(struct ev_loop* /*loop*/, ev_io* watcher, int /*revents*/) {
+  static_cast<LiveChannel*>(watcher->data)->RecvStreams();
+}
+
+int LiveChannel::RecvStreams() {
+  const std::shared_ptr<Connection> conn = GetConnection();
+  if (conn == nullptr) return -1;
+  if (rx_.Space() == 0) rx_.Clear();
+  const ssize_t got = recv(conn->fd, rx_.WritePtr(), rx_.Space(), MSG_DONTWAIT);
+  if (got <= 0) {
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return -1;
+    if (got == 0) {
+      TLOG(LOG_DEBUG) << "Camera " << mac() << " closed its connection";
+    } else {
+      TLOG(LOG_DEBUG) << "Camera " << mac() << " receive failed: " << std::strerror(errno);
+    }
+    CloseConnect();
+    return static_cast<int>(got);
+  }
+  if (got == 1) TLOG(LOG_DEBUG) << "recv " << mac() << " heartbeat len: " << 1;
+  rx_.Commit(static_cast<size_t>(got));
+  RecivedRawData();
+  return static_cast<int>(got);
+}
+
+void LiveChannel::RecivedRawData() {
+  rx_.Cut([this](const _net_cmd_type* frame) { GotPacket(frame); });
+}
+
+void LiveChannel::GotPacket(const _net_cmd_type* frame) {
+  last_recv_time_.store(Now());
+  const uint8_t type = frame->type;
+  const uint8_t subtype = frame->subtype;
+  const uint8_t* payload = frame->Payload();
+  const size_t n = frame->Length();
+
+  if (std::memcmp(frame->dst_addr, kUnaddressed, 6) == 0) {
+    EventSink* events = event_sink();
+    if (type == command::kTypeMedia && subtype == command::kSubVideo) {
+      if (events != nullptr && events->IsRecording()) {
+        events->RecvEventVideo(frame);
+        CheckVideoEnough();
+      } else if (!HasLiveClient()) {
+        StopAVStream();
+      } else {
+        TranVideoData(frame);
+      }
+    } else if (type == command::kTypeMedia && subtype == command::kSubAudio) {
+      if (events != nullptr && events->IsRecording()) {
+        events->RecvEventAudio(frame);
+      } else {
+        TranAudioData(frame);
+      }
+    } else if (type == command::kTypePirEvent && subtype == 0) {
+      if (events != nullptr) {
+        events->HappenEvent();
+      } else {
+        TLOG(LOG_DEBUG) << "Motion event of camera " << mac() << ", no event recorder";
+      }
+    } else if (type == command::kTypeBatteryEvent && subtype == 0) {
+      if (n == _net_cmd_get_info_type::kWireSize) {
+        HandleBatteryEvent(payload);
+      } else {
+        TLOG(LOG_DEBUG) << "bat event len is error";
+      }
+    } else if (type == command::kTypeLogin && subtype == 0) {
+      TLOG(LOG_DEBUG) << "Recv camera login 1...";
+      RecvLoginPackage(payload, n);
+    }
+    return;
+  }
+
+  if (std::memcmp(frame->dst_addr, hub_addr_, 6) == 0) {
+    if (type == command::kTypeAck && subtype == 0) {
+      if (n < 3) {
+        TLOG(LOG_DEBUG) << "Camera " << mac() << " ack len is error: " << n;
+        return;
+      }
+      if (payload[0] == command::kTypeControl) {
+        if (payload[1] == command::kSubStartStream && payload[2] == 1) {
+          TLOG(LOG_DEBUG) << "This is live start ok...";
+          stream_wait_.store(0);
+        } else if (payload[1] == command::kSubStopStream && payload[2] == 1) {
+          TLOG(LOG_DEBUG) << "This is live stop ok...";
+          stream_wait_.store(0);
+        }
+      } else if (payload[0] == command::kTypeSetting) {
+        if (payload[1] == command::kSubVideoQuality && payload[2] == 1) {
+          const int quality = pending_quality_.load();
+          TLOG(LOG_DEBUG) << "Set video quality to " << quality << " success";
+          uint16_t width, height;
+          command::QualitySize(quality, &width, &height);
+          video_width_.store(width);
+          video_height_.store(height);
+        } else if (payload[1] == command::kSubReset && payload[2] == 1) {
+          TLOG(LOG_DEBUG) << "Reset camera " << mac() << " ok!";
+        }
+      } else if (payload[0] == command::kTypePir) {
+        if (payload[1] == command::kSubPirMain) HandleAckPirMain(frame);
+        if (payload[1] == command::kSubPirMain1) HandleAckPirMain1(frame);
+        if (payload[1] == command::kSubPirNew) HandleAckPirNew(frame);
+      }
+    } else if (type == command::kTypeProp && subtype == 0) {
+      HandleAckProp(payload, n);
+    } else if (type == command::kTypeLogin && subtype == 0) {
+      TLOG(LOG_DEBUG) << "Recv camera login 2...";
+      RecvLoginPackage(payload, n);
+    }
+    return;
+  }
+
+  uint32_t id = 0;
+  if (command::IsAckIdAddress(frame->dst_addr, &id)) {
+    TLOG(LOG_DEBUG) << "This is camera ack type: " << static_cast<int>(type)
+                    << ", subtype: " << static_cast<int>(subtype);
+    TLOG(LOG_DEBUG) << "~~~~~~~~~~~~ACK ID: " << id;
+    if (type == command::kTypeProp && subtype == 0) {
+      HandleAckProp(payload, n, id);
+    } else if (type == command::kTypeAck && subtype == 0 && n >= 3) {
+      if (payload[0] == command::kTypePir && payload[1] == command::kSubPirMain) {
+        HandleAckPir(frame, id);
+      } else if (payload[0] == command::kTypeSetting && payload[1] == command::kSubNight) {
+        HandleAckNight(frame, id);
+      }
+    }
+  }
+  // Any other destination is not for this hub.
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sending
+
+int LiveChannel::SendBytes(const std::shared_ptr<Connection>& conn, const uint8_t* bytes,
+                           size_t count) {
+  std::lock_guard<std::mutex> lock(conn->send_mutex);
+  size_t sent = 0;
+  while (sent < count) {
+    const ssize_t r = send(conn->fd, bytes + sent, count - sent, MSG_NOSIGNAL);
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      TLOG(LOG_DEBUG) << "Send to camera " << mac() << " failed: " << std::strerror(errno);
+      return -1;
+    }
+    sent += static_cast<size_t>(r);
+  }
+  return static_cast<int>(sent);
+}
+
+void LiveChannel::CountSendFailure() {
+  const int count = send_failures_.fetch_add(1) + 1;
+  if (count >= kFailuresBeforeDisconnect) {
+    TLOG(LOG_DEBUG) << "Camera don't connect more than 5, disconnet " << mac();
+    disconnect_mac(mac().c_str());
+    send_failures_.store(0);
+  }
+}
+
+int LiveChannel::SendBuilt(uint8_t type, uint8_t subtype, const uint8_t* payload, size_t length,
+                           const uint8_t* src) {
+  std::this_thread::sleep_for(kSendPause);
+  if (length > kMaxCommandPayload) {
+    TLOG(LOG_DEBUG) << "Command to camera " << mac() << " too long: " << length;
+    return -1;
+  }
+  const std::shared_ptr<Connection> conn = GetConnection();
+  if (!CanSend(conn)) {
+    TLOG(LOG_DEBUG) << "Camera " << mac() << " tcp can't connected";
+    CountSendFailure();
+    return -1;
+  }
+  uint8_t frame[kCommandBufferSize];
+  const command::Command cmd(mac(), hub_mac_);
+  const int count =
+      command::BuildCommand(cmd, frame, sizeof(frame), type, subtype, payload, length, src);
+  if (count < 0) return -1;
+  JudgeCameraAlive(frame, static_cast<size_t>(count));
+  return 1;
+}
+
+int LiveChannel::SendCommand(uint8_t type, uint8_t subtype, const uint8_t* payload, size_t length) {
+  return SendBuilt(type, subtype, payload, length, nullptr);
+}
+
+int LiveChannel::SendCommand(uint8_t type, uint8_t subtype, const uint8_t* payload, size_t length,
+                             const uint8_t src[6]) {
+  return SendBuilt(type, subtype, payload, length, src);
+}
+
+int LiveChannel::SendCommand(const uint8_t* frame, size_t count) {
+  std::this_thread::sleep_for(kSendPause);
+  const std::shared_ptr<Connection> conn = GetConnection();
+  if (!CanSend(conn)) {
+    TLOG(LOG_DEBUG) << "Camera " << mac() << " tcp can't connected";
+    return -1;
+  }
+  return SendBytes(conn, frame, count);
+}
+
+int LiveChannel::JudgeCameraAlive(const uint8_t* frame, size_t count) {
+  if (!CanSend(GetConnection()) || count > kCommandBufferSize) return -1;
+  const int64_t idle = Now() - last_recv_time_.load();
+  if (idle < kAwakeSeconds) {
+    const int res = SendCommand(frame, count);
+    if (res < 0) {
+      TLOG(LOG_DEBUG) << "Send command to camera mac: " << mac() << " failed, res = " << res;
+    }
+    return res;
+  }
+  std::unique_ptr<uint8_t[]> copy(new uint8_t[kCommandBufferSize]());
+  std::memcpy(copy.get(), frame, count);
+  PushCommandInVector(std::move(copy));
+  TLOG(LOG_DEBUG) << "send tcp wake package... " << idle;
+  SendWakePackage();
+  try {
+    std::thread(&LiveChannel::SendUdpWakePackage, camera_, hub_mac_).detach();
+  } catch (const std::system_error& e) {
+    TLOG(LOG_DEBUG) << "Start UDP wake thread failed: " << e.what();
+  }
+  return 0;
+}
+
+void LiveChannel::PushCommandInVector(std::unique_ptr<uint8_t[]> frame) {
+  const uint8_t type = command::AsFrame(frame.get())->type;
+  const uint8_t subtype = command::AsFrame(frame.get())->subtype;
+  bool disconnect = false;
+  {
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    for (auto it = queue_.begin(); it != queue_.end(); ++it) {
+      const _net_cmd_type* old = command::AsFrame(it->get());
+      if (old->type == type && old->subtype == subtype) {
+        TLOG(LOG_DEBUG) << "found a old cmd earse it, and push_back a new, type: "
+                        << static_cast<int>(type) << ", subtype: " << static_cast<int>(subtype);
+        queue_.erase(it);
+        disconnect = wake_replacements_.fetch_add(1) + 1 >= kFailuresBeforeDisconnect;
+        break;
+      }
+    }
+    queue_.push_back(std::move(frame));
+  }
+  if (disconnect) {
+    TLOG(LOG_DEBUG) << "Camera " << mac() << " unawake >5, disconnect";
+    disconnect_mac(mac().c_str());
+  }
+}
+
+size_t LiveChannel::QueuedCommands() const {
+  std::lock_guard<std::mutex> lock(queue_mutex_);
+  return queue_.size();
+}
+
+int LiveChannel::SendWakePackage() {
+  const std::shared_ptr<Connection> conn = GetConnection();
+  if (!CanSend(conn)) {
+    TLOG(LOG_DEBUG) << "Camera " << mac() << " tcp can't connected";
+    return -1;
+  }
+  uint8_t wake[command::kWakeFrameSize];
+  command::BuildWakeFrame(command::Command(mac(), hub_mac_), wake);
+  TLOG(LOG_DEBUG) << "send wakeup type: " << static_cast<int>(command::kTypeWake)
+                  << ", subtype: 0, seq: " << command::AsFrame(wake)->Seq();
+  return SendBytes(conn, wake, sizeof(wake));
+}
+
+int LiveChannel::ActiveUdpWakes() {
+  return g_active_udp_wakes.load();
+}
+
+void LiveChannel::SendUdpWakePackage(std::shared_ptr<camera::Camera> camera, std::string hub_mac) {
+  struct Active {
+    Active() { g_active_udp_wakes.fetch_add(1); }
+    ~Active() { g_active_udp_wakes.fetch_sub(1); }
+  } active;
+  const std::string& mac = camera->mac();
+  TLOG(LOG_DEBUG) << "start thread send UDP wakeup camera: " << mac;
+  CheckCameraIp(*camera);
+  const std::string ip = camera->ip();
+  if (ip.empty()) {
+    TLOG(LOG_DEBUG) << "camera: " << mac << " ip is not exist, stop";
+    return;
+  }
+  struct sockaddr_in addr;
+  std::memset(&addr, 0, sizeof(addr));
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(platform::WakePort());
+  if (inet_pton(AF_INET, ip.c_str(), &addr.sin_addr) != 1) {
+    TLOG(LOG_DEBUG) << "camera: " << mac << " ip is not valid, stop";
+    return;
+  }
+  const int sock = socket(AF_INET, SOCK_DGRAM, 0);
+  if (sock < 0) {
+    TLOG(LOG_DEBUG) << "create UDP client socket failed";
+    return;
+  }
+  uint8_t wake[command::kWakeFrameSize];
+  command::BuildWakeFrame(command::Command(mac, hub_mac), wake);
+  for (int i = 0; i < kUdpWakeCount; i++) {
+    sendto(sock, wake, sizeof(wake), 0, reinterpret_cast<struct sockaddr*>(&addr), sizeof(addr));
+    std::this_thread::sleep_for(kUdpWakePause);
+  }
+  close(sock);
+  TLOG(LOG_DEBUG) << "exit thread send UDP wakeup camera: " << mac;
+}
+
+int LiveChannel::CheckCameraIp() {
+  return CheckCameraIp(*camera_);
+}
+
+int LiveChannel::CheckCameraIp(camera::Camera& camera) {
+  FILE* arp = std::fopen(platform::BoardPath(kArpTable).c_str(), "r");
+  if (arp == nullptr) {
+    TLOG(LOG_DEBUG) << "Open arp table failed, camera " << camera.mac() << " keeps its ip";
+    return -1;
+  }
+  // Columns: IP address, HW type, Flags, HW address, Mask, Device; the first line is a heading.
+  char line[512];
+  int found = -1;
+  bool heading = true;
+  while (std::fgets(line, sizeof(line), arp) != nullptr) {
+    if (heading) {
+      heading = false;
+      continue;
+    }
+    char ip[64] = {0};
+    char hw[64] = {0};
+    if (std::sscanf(line, "%63s %*s %*s %63s", ip, hw) != 2) continue;
+    if (command::MacDigits(hw) != camera.mac()) continue;
+    struct in_addr parsed;
+    if (inet_pton(AF_INET, ip, &parsed) != 1) continue;
+    camera.SetIp(ip);
+    found = 0;
+    break;
+  }
+  std::fclose(arp);
+  return found;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Commands
+
+int LiveChannel::ActionSleep() {
+  return SendCommand(command::kTypeControl, command::kSubSleep, nullptr, 0);
+}
+
+int LiveChannel::StartAVStream() {
+  EventSink* events = event_sink();
+  if (events != nullptr && events->IsRecording()) {
+    events->StopEvent(events->EventStartTime(), 1);
+  }
+  const uint32_t now = utils::GetTimestamp();
+  const double offset = utils::GetTimeOffset();
+  TLOG(LOG_DEBUG) << "StartAVStream timestamp: " << now << ", offset: " << offset;
+  uint8_t payload[command::kStartStreamSize];
+  command::EncodeStartStream(static_cast<uint32_t>(static_cast<int64_t>(now - offset)), payload);
+  stream_wait_.store(1);
+  return SendCommand(command::kTypeControl, command::kSubStartStream, payload, sizeof(payload));
+}
+
+int LiveChannel::StopAVStream() {
+  stream_wait_.store(1);
+  return SendCommand(command::kTypeControl, command::kSubStopStream, nullptr, 0);
+}
+
+int LiveChannel::UpgradeCamera(const std::string& url) {
+  uint8_t payload[command::kUpgradeSize];
+  command::EncodeUpgrade(url, payload);
+  return SendCommand(command::kTypeControl, command::kSubUpgrade, payload, sizeof(payload));
+}
+
+int LiveChannel::SetCameraPir(int pir) {
+  if (pir < 0 || pir > 255) {
+    TLOG(LOG_DEBUG) << "Invalid pir setting " << pir << " for camera " << mac();
+    return -1;
+  }
+  pending_pir_.store(pir);
+  const uint8_t payload[1] = {static_cast<uint8_t>(pir)};
+  return SendCommand(command::kTypePir, command::kSubPirMain, payload, sizeof(payload));
+}
+
+int LiveChannel::SetCameraPirNew(int pir) {
+  if (pir < 0 || pir > 255) {
+    TLOG(LOG_DEBUG) << "Invalid pir setting " << pir << " for camera " << mac();
+    return -1;
+  }
+  int interval = camera_->NewAlarmInterval();
+  if (interval > 60) interval = 60;
+  if (interval < 0) interval = 0;
+  pending_pir_.store(pir);
+  const uint8_t payload[2] = {static_cast<uint8_t>(pir), static_cast<uint8_t>(interval + 10)};
+  return SendCommand(command::kTypePir, command::kSubPirNew, payload, sizeof(payload));
+}
+
+int LiveChannel::GetCameraInfo() {
+  return SendCommand(command::kTypeProp, 0, nullptr, 0);
+}
+
+int LiveChannel::GetCameraProp(uint32_t id) {
+  uint8_t src[6];
+  command::AckIdAddress(id, src);
+  return SendCommand(command::kTypeProp, 0, nullptr, 0, src);
+}
+
+int LiveChannel::SetVideoQuality(int quality) {
+  pending_quality_.store(quality);
+  uint8_t payload[command::kVideoQualitySize];
+  command::EncodeVideoQuality(quality, payload);
+  return SendCommand(command::kTypeSetting, command::kSubVideoQuality, payload, sizeof(payload));
+}
+
+int LiveChannel::ResetCamera() {
+  return SendCommand(command::kTypeSetting, command::kSubReset, nullptr, 0);
+}
+
+int LiveChannel::SetCameraNightMode(uint32_t id, int mode) {
+  if (mode < 0 || mode > 255) {
+    TLOG(LOG_DEBUG) << "Invalid night mode " << mode << " for camera " << mac();
+    return -1;
+  }
+  pending_night_.store(mode);
+  uint8_t src[6];
+  command::AckIdAddress(id, src);
+  const uint8_t payload[1] = {static_cast<uint8_t>(mode)};
+  return SendCommand(command::kTypeSetting, command::kSubNight, payload, sizeof(payload), src);
+}
+
+int LiveChannel::SendAudio(const uint8_t* data, size_t length) {
+  if (length > kMaxCommandPayload) {
+    TLOG(LOG_DEBUG) << "Talk-back audio to camera " << mac() << " too long: " << length;
+    return -1;
+  }
+  if (!CanSend(GetConnection())) {
+    TLOG(LOG_DEBUG) << "Camera " << mac() << " tcp can't connected";
+    return -1;
+  }
+  uint8_t frame[kCommandBufferSize];
+  const int count = command::BuildCommand(command::Command(mac(), hub_mac_), frame, sizeof(frame),
+                                          command::kTypeTalk, 0x01, data, length);
+  if (count < 0) return -1;
+  return SendCommand(frame, static_cast<size_t>(count));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Camera answers
+
+void LiveChannel::StoreInfo(const _net_cmd_get_info_type& info) {
+  camera_->ApplyInfo(info);
+  const camera::Status s = camera_->GetStatus();
+  TLOG(LOG_DEBUG) << "Camera " << mac() << " prop battery: " << s.battery << ", wifi: " << s.wifi
+                  << ", pir: " << s.pir << ", power: " << s.power << ", night: " << s.night
+                  << ", hardver: " << s.hard_ver << ", version: " << s.soft_ver;
+  // Measurements go to the configuration; the settings there stay the cloud's.
+  utils::SetIntConfig(Key(mac(), "battery").c_str(), s.battery);
+  utils::SetIntConfig(Key(mac(), "battery_status").c_str(), s.battery_status);
+  utils::SetIntConfig(Key(mac(), "wifi").c_str(), s.wifi);
+  SetTextConfig(mac(), "hardver", s.hard_ver);
+  SetTextConfig(mac(), "version", s.soft_ver);
+}
+
+void LiveChannel::AnswerCloud(uint32_t id, uint8_t type, const uint8_t* ack, int result) {
+  cloudrequest::Answer answer;
+  answer.mac = mac();
+  answer.type = type;
+  if (ack != nullptr) {
+    answer.acked_type = ack[0];
+    answer.acked_subtype = ack[1];
+  }
+  answer.result = result;
+  answer.status = camera_->GetStatus();
+  cloudrequest::CloudRequests().Complete(id, answer);
+}
+
+void LiveChannel::HandleAckProp(const uint8_t* payload, size_t n) {
+  _net_cmd_get_info_type info;
+  if (_net_cmd_get_info_type::Decode(payload, n, &info) < 0) {
+    TLOG(LOG_DEBUG) << "Camera " << mac() << " prop len is error: " << n;
+    return;
+  }
+  StoreInfo(info);
+}
+
+void LiveChannel::HandleAckProp(const uint8_t* payload, size_t n, uint32_t id) {
+  _net_cmd_get_info_type info;
+  if (_net_cmd_get_info_type::Decode(payload, n, &info) < 0) {
+    TLOG(LOG_DEBUG) << "Camera " << mac() << " prop len is error: " << n << ", ACK ID: " << id;
+    return;
+  }
+  StoreInfo(info);
+  AnswerCloud(id, command::kTypeProp, nullptr, 1);
+}
+
+namespace {
+
+// Takes an acknowledged PIR setting into the record and the configuration.
+void CommitPir(camera::Camera& camera, int pir, const char* form, int result) {
+  if (result != 1) {
+    TLOG(LOG_DEBUG) << "Set camera " << camera.mac() << " pir " << form << " failed";
+    return;
+  }
+  camera.SetPir(pir);
+  utils::SetIntConfig(Key(camera.mac(), "pir").c_str(), pir);
+  TLOG(LOG_DEBUG) << "Set camera " << camera.mac() << " pir " << form << " to " << pir
+                  << " success";
+}
+
+}  // namespace
+
+void LiveChannel::HandleAckPir(const _net_cmd_type* frame, uint32_t id) {
+  const uint8_t* ack = frame->Payload();
+  CommitPir(*camera_, pending_pir_.load(), "main", ack[2]);
+  AnswerCloud(id, command::kTypeAck, ack, ack[2]);
+}
+
+void LiveChannel::HandleAckPirMain(const _net_cmd_type* frame) {
+  CommitPir(*camera_, pending_pir_.load(), "main", frame->Payload()[2]);
+}
+
+void LiveChannel::HandleAckPirMain1(const _net_cmd_type* frame) {
+  CommitPir(*camera_, pending_pir_.load(), "main1", frame->Payload()[2]);
+}
+
+void LiveChannel::HandleAckPirNew(const _net_cmd_type* frame) {
+  CommitPir(*camera_, pending_pir_.load(), "new", frame->Payload()[2]);
+}
+
+void LiveChannel::HandleAckNight(const _net_cmd_type* frame, uint32_t id) {
+  const uint8_t* ack = frame->Payload();
+  const int night = pending_night_.load();
+  if (ack[2] == 1) {
+    camera_->SetNight(night);
+    utils::SetIntConfig(Key(mac(), "night").c_str(), night);
+    TLOG(LOG_DEBUG) << "Set camera " << mac() << " night mode to " << night << " success";
+  } else {
+    TLOG(LOG_DEBUG) << "Set camera " << mac() << " night mode failed";
+  }
+  AnswerCloud(id, command::kTypeAck, ack, ack[2]);
+}
+
+void LiveChannel::HandleBatteryEvent(const uint8_t* payload) {
+  _net_cmd_get_info_type info;
+  _net_cmd_get_info_type::Decode(payload, _net_cmd_get_info_type::kWireSize, &info);
+  camera_->ApplyBattery(info);
+  const camera::Status s = camera_->GetStatus();
+  TLOG(LOG_DEBUG) << "Camera " << mac() << " battery event, vbat: " << s.vbat
+                  << ", battery: " << s.battery << ", rssi: " << s.rssi << ", wifi: " << s.wifi;
+  utils::SetIntConfig(Key(mac(), "battery").c_str(), s.battery);
+  utils::SetIntConfig(Key(mac(), "battery_status").c_str(), s.battery_status);
+  utils::SetIntConfig(Key(mac(), "wifi").c_str(), s.wifi);
+}
+
+void LiveChannel::RecvLoginPackage(const uint8_t* payload, size_t n) {
+  _net_cmd_login_type login;
+  if (_net_cmd_login_type::Decode(payload, n, &login) < 0) {
+    TLOG(LOG_DEBUG) << "Camera " << mac() << " login len is error: " << n;
+    return;
+  }
+  const int hard_ver = command::VersionNumber(login.hard_ver);
+  const int soft_ver = command::VersionNumber(login.soft_ver);
+  TLOG(LOG_DEBUG) << "Camera " << mac() << " login hardver: " << hard_ver
+                  << ", version: " << soft_ver;
+  const camera::Status before = camera_->GetStatus();
+  camera_->SetVersions(hard_ver, soft_ver);
+  if (before.hard_ver != hard_ver) SetTextConfig(mac(), "hardver", hard_ver);
+  if (before.soft_ver != soft_ver) SetTextConfig(mac(), "version", soft_ver);
+  camera_->SetState(camera::kStateLoggedIn);
+  wake_replacements_.store(0);
+  ReplayCommands();
+}
+
+void LiveChannel::ReplayCommands() {
+  std::vector<std::unique_ptr<uint8_t[]>> frames;
+  {
+    std::lock_guard<std::mutex> lock(queue_mutex_);
+    frames.swap(queue_);
+  }
+  if (frames.empty()) {
+    TLOG(LOG_DEBUG) << "command vector is empty";
+    return;
+  }
+  TLOG(LOG_DEBUG) << "command vector have " << frames.size() << " command";
+  for (const auto& frame : frames) {
+    const size_t count = command::AsFrame(frame.get())->FrameSize();
+    const int res = SendCommand(frame.get(), count);
+    if (res < 0) {
+      TLOG(LOG_WARNING) << "Send vector command to camera mac: " << mac()
+                        << " failed, res = " << res;
+    }
+  }
+}
+
+void LiveChannel::CheckVideoEnough() {
+  EventSink* events = event_sink();
+  if (events == nullptr) return;
+  const int seconds = camera_->RecordLength();
+  const uint32_t limit = seconds > 0 ? static_cast<uint32_t>(seconds) * 15 : 150;
+  if (events->LastFrameIndex() < limit) return;
+  TLOG(LOG_DEBUG) << "Pir frame count > " << limit << " mac: " << mac();
+  events->StopEvent(events->EventStartTime(), 0);
+  if (!HasLiveClient()) {
+    StopAVStream();
+    ActionSleep();
+  }
+}
+
+int LiveChannel::GetLocalSchedule(Schedule* schedule) const {
+  schedule->start_hour = utils::GetIntConfig(Key(mac(), "starthour").c_str());
+  schedule->start_min = utils::GetIntConfig(Key(mac(), "startmin").c_str());
+  schedule->stop_hour = utils::GetIntConfig(Key(mac(), "stophour").c_str());
+  schedule->stop_min = utils::GetIntConfig(Key(mac(), "stopmin").c_str());
+  schedule->push_alarm = utils::GetIntConfig(Key(mac(), "pushalarm").c_str());
+  return 0;
+}
+
+}  // namespace channel
