@@ -23,6 +23,14 @@ namespace {
 std::atomic<int> g_wifi_status{kStatusUnknown};
 std::atomic<bool> g_time_synced{false};
 
+// The supervisor restarts the daemon. Other threads are still running, so the process ends
+// without running static destructors under them.
+void ExitNow(int status) {
+  std::fflush(nullptr);
+  _exit(status);
+}
+std::atomic<void (*)(int)> g_fault_exit{ExitNow};
+
 std::mutex g_local_status_mutex;
 std::string g_last_local_status;
 
@@ -78,6 +86,10 @@ bool IsCloudConnected() {
 
 bool IsFirstTimeSynced() {
   return g_time_synced.load();
+}
+
+void SetFaultExit(void (*exit_fn)(int status)) {
+  g_fault_exit.store(exit_fn != nullptr ? exit_fn : ExitNow);
 }
 
 int ProcMsgLocalStatus(const char* msg) {
@@ -178,10 +190,7 @@ int ProcMsgEvent(const char* msg) {
   TLOG(LOG_DEBUG) << "zeLO.event code: " << code << ", ts: " << ts;
   if (code == -90) {
     TLOG(LOG_DEBUG) << "TUTK bug: -90, exit";
-    // The supervisor restarts the daemon. Other threads are still running, so the process ends
-    // without running static destructors under them.
-    std::fflush(nullptr);
-    _exit(-1);
+    g_fault_exit.load()(-1);
   }
   return 0;
 }

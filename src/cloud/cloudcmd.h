@@ -24,6 +24,10 @@ bool IsFirstTimeSynced();
 constexpr long long kMinSaneTime = 1577836800LL;
 constexpr long long kMaxSaneTime = 4102444800LL;
 
+// How the process ends when the P2P service reports its known fault -90 ("zeLO.event"): by
+// default at once, with the given status. The fuzz target replaces it.
+void SetFaultExit(void (*exit_fn)(int status));
+
 int ProcMsgLocalStatus(const char* msg);     // "local.status"
 int ProcMsgSyncLocalTime(const char* msg);   // "local.time"
 int ProcMsgRestore(const char* msg);         // "zeLO.restore"

@@ -241,6 +241,8 @@ void* StartMqttClient(void*) {
   mosquitto_subscribe_callback_set(mosq, my_subscribe_callback);
   mosquitto_publish_callback_set(mosq, my_publish_callback);
   mosquitto_log_callback_set(mosq, my_log_callback);
+  // Replies and reports are small and someone waits for each: no coalescing delay.
+  mosquitto_int_option(mosq, MOSQ_OPT_TCP_NODELAY, 1);
   {
     std::lock_guard<std::mutex> lock(g_client_mutex);
     g_client = mosq;

@@ -120,6 +120,7 @@ int CloudAgent::Start(std::chrono::milliseconds timeout, std::string* error) {
   mosquitto_subscribe_callback_set(mosq_, OnSubscribe);
   mosquitto_message_callback_set(mosq_, OnMessage);
   mosquitto_reconnect_delay_set(mosq_, 1, 4, false);
+  mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, 1);
   int rc = mosquitto_connect(mosq_, options_.host.c_str(), options_.port, 60);
   if (rc == MOSQ_ERR_SUCCESS) rc = mosquitto_loop_start(mosq_);
   if (rc != MOSQ_ERR_SUCCESS) {
