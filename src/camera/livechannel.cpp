@@ -713,10 +713,10 @@ void LiveChannel::RecvLoginPackage(const uint8_t* payload, size_t n) {
   TLOG(LOG_DEBUG) << "Camera " << mac() << " login hardver: " << hard_ver
                   << ", version: " << soft_ver;
   const camera::Status before = camera_->GetStatus();
-  camera_->SetVersions(hard_ver, soft_ver);
   if (before.hard_ver != hard_ver) SetTextConfig(mac(), "hardver", hard_ver);
   if (before.soft_ver != soft_ver) SetTextConfig(mac(), "version", soft_ver);
   camera_->SetState(camera::kStateLoggedIn);
+  camera_->SetVersions(hard_ver, soft_ver);
   wake_replacements_.store(0);
   ReplayCommands();
 }
