@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "camera/livechannel.h"
 #include "cloud/cloudinput.h"
 #include "cloud/cmdargs.h"
 #include "cloud/mqttclient.h"
@@ -11,40 +12,21 @@
 #include "core/log.h"
 #include "core/utils.h"
 #include "platform/uci.h"
+#include "server/mediaserver.h"
 
 namespace {
 
-// The name SaveInfoToConfig gives a new camera.
-constexpr char kDefaultCameraName[] = "Tarvo Camera";
-
-std::string Key(const std::string& mac, const char* setting) {
-  return "p2p." + mac + "." + setting;
+std::shared_ptr<channel::LiveChannel> FindChannel(const std::string& mac) {
+  server::MediaServer* server = server::MediaServer::Current();
+  return server != nullptr ? server->FindLiveChannel(mac) : nullptr;
 }
 
-std::string GetText(const std::string& mac, const char* setting, const char* dflt) {
-  char value[128];
-  if (zcfg_uci_get(Key(mac, setting).c_str(), value, sizeof(value)) != 0) return dflt;
-  return value;
+std::string Key(const std::string& mac, const char* setting) {
+  return cmdargs::CameraKey(mac, setting);
 }
 
 int GetInt(const std::string& mac, const char* setting) {
-  return utils::GetIntConfig(Key(mac, setting).c_str());
-}
-
-std::string CameraRecord(const std::string& mac) {
-  std::string r = "{\"mac\":" + zelojson::Quote(mac);
-  r += ",\"name\":" + zelojson::Quote(GetText(mac, "name", kDefaultCameraName));
-  r += ",\"battery\":" + std::to_string(GetInt(mac, "battery"));
-  r += ",\"battery_status\":" + std::to_string(GetInt(mac, "battery_status"));
-  r += ",\"wifi\":" + std::to_string(GetInt(mac, "wifi"));
-  r += ",\"pir\":" + std::to_string(GetInt(mac, "pir"));
-  r += ",\"version\":" + zelojson::Quote(GetText(mac, "version", ""));
-  r += ",\"hardver\":" + zelojson::Quote(GetText(mac, "hardver", ""));
-  r += ",\"power\":" + std::to_string(GetInt(mac, "power"));
-  r += ",\"night\":" + std::to_string(GetInt(mac, "night"));
-  r += ",\"event\":" + zelojson::Quote(GetText(mac, "event", ""));
-  r += "}";
-  return r;
+  return cmdargs::CameraInt(mac, setting);
 }
 
 // [MAC, value] commands: the array, its length checked against 2.
@@ -166,6 +148,15 @@ int SetAlarmConfig(const char* msg, bool second) {
       return -1;
     }
   }
+  // The camera's channel applies intervals and record length from its record.
+  if (auto channel = FindChannel(mac)) {
+    for (const auto& v : values) {
+      const std::string name = v.first;
+      if (name == "interval") channel->camera().SetAlarmInterval(v.second);
+      if (name == "new_interval") channel->camera().SetNewAlarmInterval(v.second);
+      if (name == "pir_duration") channel->camera().SetRecordLength(v.second);
+    }
+  }
   std::string reply = cmdargs::OkReply(id);
   TLOG(LOG_DEBUG) << "Set alarm config Ack: " << reply;
   return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
@@ -181,7 +172,14 @@ int ProcMsgGetCameraList(const char* msg) {
   std::string result = "[";
   for (size_t i = 0; i < cameras.size(); i++) {
     if (i > 0) result += ",";
-    result += CameraRecord(cameras[i]);
+    result += cmdargs::CameraRecord(cameras[i]);
+    // The reply carries what the store holds now; the camera's answer refreshes the store.
+    if (auto channel = FindChannel(cameras[i])) {
+      int res = channel->GetCameraInfo();
+      if (res < 0) {
+        TLOG(LOG_DEBUG) << "Send command to camera mac: " << cameras[i] << " failed, res = " << res;
+      }
+    }
   }
   result += "]";
   std::string reply = cmdargs::Reply(id, result);

@@ -2,8 +2,10 @@
 
 #include <cstdio>
 
+#include "camera/camera.h"
 #include "cloud/cloudinput.h"
 #include "core/log.h"
+#include "core/utils.h"
 #include "platform/uci.h"
 
 namespace cmdargs {
@@ -11,6 +13,8 @@ namespace cmdargs {
 namespace {
 // More than the hub keeps, so that a hand-edited store is still read whole.
 constexpr int kMaxSections = 32;
+// The name SaveInfoToConfig gives a new camera.
+constexpr char kDefaultCameraName[] = "Tarvo Camera";
 }  // namespace
 
 bool GetId(const char* msg, int* id) {
@@ -70,6 +74,47 @@ bool IsKnownCamera(const std::string& mac) {
   }
   TLOG(LOG_DEBUG) << "Unknown camera: " << mac;
   return false;
+}
+
+std::string CameraKey(const std::string& mac, const char* setting) {
+  return "p2p." + mac + "." + setting;
+}
+
+std::string CameraText(const std::string& mac, const char* setting, const char* dflt) {
+  char value[128];
+  if (zcfg_uci_get(CameraKey(mac, setting).c_str(), value, sizeof(value)) != 0) return dflt;
+  return value;
+}
+
+int CameraInt(const std::string& mac, const char* setting) {
+  return utils::GetIntConfig(CameraKey(mac, setting).c_str());
+}
+
+std::string CameraRecord(const std::string& mac, const camera::Status* fresh) {
+  auto number = [&](const char* key, int fresh_value) {
+    return ",\"" + std::string(key) +
+           "\":" + std::to_string(fresh != nullptr ? fresh_value : CameraInt(mac, key));
+  };
+  auto text = [&](const char* key, int fresh_value) {
+    return ",\"" + std::string(key) + "\":" +
+           zelojson::Quote(fresh != nullptr ? std::to_string(fresh_value)
+                                            : CameraText(mac, key, ""));
+  };
+  const camera::Status none;
+  const camera::Status& s = fresh != nullptr ? *fresh : none;
+  std::string r = "{\"mac\":" + zelojson::Quote(mac);
+  r += ",\"name\":" + zelojson::Quote(CameraText(mac, "name", kDefaultCameraName));
+  r += number("battery", s.battery);
+  r += number("battery_status", s.battery_status);
+  r += number("wifi", s.wifi);
+  r += number("pir", s.pir);
+  r += text("version", s.soft_ver);
+  r += text("hardver", s.hard_ver);
+  r += number("power", s.power);
+  r += number("night", s.night);
+  r += ",\"event\":" + zelojson::Quote(CameraText(mac, "event", ""));
+  r += "}";
+  return r;
 }
 
 }  // namespace cmdargs

@@ -9,6 +9,10 @@
 
 #include "cloud/zelojson.h"
 
+namespace camera {
+struct Status;
+}
+
 namespace cmdargs {
 
 // The command's integer "id". Logs "[abnormal] msg without id" when it has none.
@@ -33,5 +37,16 @@ bool GetCameraMac(json_object* params, std::string* mac);
 std::vector<std::string> CameraList();
 // True when the camera has a section in package "p2p". Logs "Unknown camera: " otherwise.
 bool IsKnownCamera(const std::string& mac);
+
+// The camera's configuration: "p2p.MAC.SETTING", its text (dflt when absent) or integer (0).
+std::string CameraKey(const std::string& mac, const char* setting);
+std::string CameraText(const std::string& mac, const char* setting, const char* dflt);
+int CameraInt(const std::string& mac, const char* setting);
+
+// The camera record of list and property replies:
+// {"mac":..,"name":..,"battery":..,"battery_status":..,"wifi":..,"pir":..,"version":..,
+//  "hardver":..,"power":..,"night":..,"event":..}. Values from the configuration store, or, when
+// fresh is given, the camera's own reported values (name and event stay the store's).
+std::string CameraRecord(const std::string& mac, const camera::Status* fresh = nullptr);
 
 }  // namespace cmdargs

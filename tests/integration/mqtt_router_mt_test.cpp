@@ -389,7 +389,9 @@ TEST(Hub, LocalStatusSetsTheConnectionStatus) {
   EXPECT_TRUE(IsCloudConnected());
   Barrier(*agent);
   for (const auto& m : agent->Messages()) {
-    if (m.topic == "zelo/command_ack") EXPECT_EQ(std::string::npos, m.payload.find("local"));
+    if (m.topic == "zelo/command_ack") {
+      EXPECT_EQ(std::string::npos, m.payload.find("local"));
+    }
   }
 }
 
