@@ -4,6 +4,7 @@
 // open P2P transport with what the agent handed on, and only a correctly signed login gets an AV
 // channel whose frames the viewer can decrypt.
 #include <gtest/gtest.h>
+#include <sodium.h>
 
 #include <atomic>
 #include <chrono>
@@ -44,6 +45,9 @@ const char kSimUid[] = "TARVOSIMUID000000042";
 const char kTokenHex[] = "746172766f2d6465766963652d746f6b656e2d30303031";
 constexpr int kWait = 10000;
 
+std::mutex g_log_mutex;
+std::vector<std::string> g_log;
+
 // A polling period that can be cut short: the credentials thread's wait in this test.
 class Poll {
  public:
@@ -80,6 +84,10 @@ class Credentials : public ::testing::Test {
     setenv("TARVO_MQTT_HOST", "127.0.0.1", 1);
     setenv("TARVO_MQTT_PORT", std::to_string(broker_->port()).c_str(), 1);
     platform::SetRootForTest(board_->path());
+    tlog::SetCaptureSink([](int, const std::string& line) {
+      std::lock_guard<std::mutex> lock(g_log_mutex);
+      g_log.push_back(line);
+    });
     ASSERT_EQ(0, InitWifiConf());
     Configuration::getInstance().Init();
     ASSERT_EQ(0, libsodium_init());
@@ -273,6 +281,19 @@ TEST_F(Credentials, ReportedUntilAcknowledgedThenOnlyASignedViewerGetsAKey) {
   plain.resize(frame.size());
   EXPECT_EQ(frame, plain);
   EXPECT_NE(0, std::memcmp(got.data.data() + 17, frame.data(), frame.size()));
+
+  // The device token, in any form, and the stream key never reached the log.
+  char key_hex[2 * kShareKeyBytes + 1];
+  sodium_bin2hex(key_hex, sizeof(key_hex), hub_key, kShareKeyBytes);
+  {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    EXPECT_GT(g_log.size(), 20u);
+    for (const std::string& line : g_log) {
+      EXPECT_EQ(std::string::npos, line.find(kTokenHex)) << line;
+      EXPECT_EQ(std::string::npos, line.find("tarvo-device-token-0001")) << line;
+      EXPECT_EQ(std::string::npos, line.find(key_hex)) << line;
+    }
+  }
 
   viewer.Close();
   avServStop(s.av);
