@@ -16,7 +16,8 @@ class Configuration {
   // InitDeviceConfig, then InitHubMac. Ends the process (status 0) when the identity is missing.
   void Init();
   // Reads nvram section "p2p" and writes /etc/zelo/device.conf once. Ends the process when the
-  // identity is not set.
+  // identity is not set or unusable (a did or key that is over-long or holds blanks or quotes, a
+  // mac that is not twelve hex digits).
   void InitDeviceConfig();
   // Takes the MAC of eth0 from the hardware library, upper case with colons.
   void InitHubMac();
@@ -42,6 +43,9 @@ class Configuration {
 };
 
 // Records a camera that has just paired: creates its uci section "p2p.MAC" with its reported
-// values and the defaults. At most four cameras are kept. 0, or -1 when refused.
+// values and, where a setting is missing, the defaults. At most four cameras are kept. Event
+// names are "motion", "motion1", "motion2", "motion3": a camera keeps its own unless another
+// camera uses it, else takes the first unused. 0, or -1 when refused (fifth camera, malformed
+// MAC or version text, unreadable camera list).
 int SaveInfoToConfig(const char* mac, const char* hardver, const char* version, int pir, int power,
                      int night, int vbat, int rssi);

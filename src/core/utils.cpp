@@ -30,7 +30,7 @@ constexpr char kArpTable[] = "/proc/net/arp";
 // Longest value read from device.conf or the token file, as the agent writes them.
 constexpr size_t kConfigValueMax = 64;
 // Longest key accepted by GetDeviceConfig.
-constexpr size_t kConfigKeyMax = 32;
+constexpr size_t kConfigKeyMax = 31;
 
 constexpr char kUpperDigits[] = "0123456789ABCDEF";
 

@@ -13,8 +13,9 @@ namespace utils {
 int GetIntConfig(const char* key);
 int SetIntConfig(const char* key, int value);
 
-// A value "key=..." of /etc/zelo/device.conf into out (at most outlen - 1 bytes, first line,
-// no newline). 0, or -1 when the file is unreadable or the key is absent.
+// A value "key=..." of /etc/zelo/device.conf into out (at most 64 and outlen - 1 bytes, first
+// line, no newline). The key must be a plain word of [A-Za-z0-9_] (at most 31 characters).
+// 0, or -1 when the key is refused, the file is unreadable or the key is absent.
 int GetDeviceConfig(const char* key, char* out, size_t outlen);
 
 // The device token of /etc/zelo/device.token into out (at most 64 bytes, cut at the first
@@ -41,11 +42,14 @@ char* ConvertToUppercase(char* text);
 std::string ConvertToUppercase(std::string text);
 
 // Hub wall-clock time (platform clock): seconds, microseconds since the epoch, and the
-// milliseconds within the current second (0..999).
+// milliseconds within the current second (0..999). A receive time in milliseconds, wrapping
+// at 32 bits, is static_cast<uint32_t>(GetTimestampUS() / 1000).
 uint32_t GetTimestamp();
 int64_t GetTimestampUS();
 uint32_t GetTimestampUS1();
-// Local time offset in seconds: now minus this offset is the hub's local time.
+// Local time offset in seconds: the zone's standard-time offset west of UTC (the C library's
+// `timezone` after tzset(), read once), so now minus this offset is the hub's local time
+// (east of UTC the offset is negative). Daylight saving time is not applied.
 double GetTimeOffset();
 
 // A fresh message id, 1..10,000,000.
@@ -57,9 +61,11 @@ int ComputeFileMd5(const char* path, char out[33]);
 
 // Pid of the named process, or -1 (only processes of the board on a development machine).
 pid_t GetProcessPid(const char* name);
-// The MAC (twelve upper-case hex digits) of an IPv4 address in the ARP table. 0 or -1.
+// The MAC (twelve upper-case hex digits) of a dotted IPv4 address in the ARP table; outlen at
+// least 13. 0, or -1 when the address is malformed, absent or unresolved.
 int GetConnectMacFromArp(const char* ip, char* mac_out, size_t outlen);
-// The event name used by the camera with this MAC (uci p2p.MAC.event) into out. 0 or -1.
+// The event name used by the camera with this MAC (twelve hex digits; uci p2p.MAC.event) into
+// out. 0, or -1 when the MAC is malformed or the camera has no event.
 int GetCameraEventByMac(const char* mac, char* out, size_t outlen);
 
 }  // namespace utils
