@@ -386,8 +386,9 @@ void Camera::Impl::Run() {
     }
     if (fds[0].revents != 0) RunTasks();
     if (Stopping()) break;
-    if (fds[1].revents != 0) ReadUdp();
+    // The connection first: a wake frame on it and a datagram of the same wake may both wait.
     if (polled_tcp >= 0 && polled_tcp == tcp_fd_ && fds[2].revents != 0) ReadTcp();
+    if (fds[1].revents != 0) ReadUdp();
     for (size_t i = 0; i < polled_old.size(); i++) {
       if (fds[3 + i].revents == 0) continue;
       for (size_t j = 0; j < old_fds_.size(); j++) {

@@ -1,0 +1,341 @@
+// The camera link end to end: the real daemon on a board (TARVO_HUB_IP 127.0.0.1, free ports),
+// a real broker with the cloud agent simulator sending the cloud's camera commands, and
+// simulated cameras (the camsim library) on their own loopback addresses, told apart by the
+// hub through the board's ARP table. Cameras pair, connect and log in; commands go out at once
+// while a camera is awake and wait for a TCP or UDP wake while it sleeps; a reconnect replaces
+// the old connection; an unknown camera changes nothing; re-pairing replaces the channel.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "camera/frame.h"
+#include "camsim/camsim.h"
+#include "camsim/camsimarp.h"
+#include "cloudsim/cloudsim.h"
+#include "support/broker.h"
+#include "support/testsupport.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testsupport::WaitFor;
+
+// The hub takes a camera as asleep after 3 seconds without a frame (whole seconds of uptime).
+constexpr auto kAsleepForTheHub = 3500ms;
+
+class CameraDaemon : public ::testing::Test {
+ protected:
+  // cameras: "MAC,IP" of cameras paired before the hub starts.
+  void Start(const std::vector<std::string>& cameras = {}) {
+    ASSERT_TRUE(broker_.Start());
+    std::vector<std::string> options = {"--force"};
+    for (const auto& c : cameras) {
+      options.push_back("--camera");
+      options.push_back(c);
+    }
+    testsupport::MakeBoard(board_.path(), options);
+    hub_.ip = "127.0.0.1";
+    hub_.camera_port = testsupport::FreePort();
+    hub_.pairing_port = testsupport::FreePort();
+    hub_.wake_port = testsupport::FreePort();
+    env_ = testsupport::BoardEnv(board_.path());
+    for (const auto& kv : broker_.Env()) env_[kv.first] = kv.second;
+    env_["TARVO_HUB_IP"] = hub_.ip;
+    env_["TARVO_CAMERA_PORT"] = std::to_string(hub_.camera_port);
+    env_["TARVO_PAIRING_PORT"] = std::to_string(hub_.pairing_port);
+    env_["TARVO_WAKE_PORT"] = std::to_string(hub_.wake_port);
+    env_["TARVO_P2P_PORT"] = std::to_string(testsupport::FreePort());
+    daemon_ = std::make_unique<testsupport::Process>(
+        std::vector<std::string>{testsupport::BinPath("tarvo-p2p")}, env_);
+    ASSERT_NE("", daemon_->WaitForLine("Subscribed \\(mid: 3\\)", 20s))
+        << ::testing::PrintToString(daemon_->Lines());
+    cloudsim::Options options_agent;
+    options_agent.host = "127.0.0.1";
+    options_agent.port = broker_.port();
+    agent_ = std::make_unique<cloudsim::CloudAgent>(options_agent);
+    std::string error;
+    ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
+  }
+
+  void TearDown() override {
+    for (auto& c : cameras_) c->Stop();
+    if (HasFailure() && daemon_ != nullptr) {
+      for (const auto& line : daemon_->Lines()) std::fprintf(stderr, "hub: %s\n", line.c_str());
+      std::lock_guard<std::mutex> lock(log_mutex_);
+      for (const auto& line : camera_log_) std::fprintf(stderr, "camera: %s\n", line.c_str());
+    }
+  }
+
+  // A started camera; its ARP line is written unless arp is false.
+  camsim::Camera& NewCamera(const std::string& mac, const std::string& ip,
+                            camsim::Behaviour behaviour = camsim::Behaviour(), int soft_ver = 203,
+                            bool arp = true) {
+    camsim::CameraConfig config;
+    config.mac = mac;
+    config.ip = ip;
+    config.soft_ver = soft_ver;
+    config.expect_ssid = "tarvo-cam-ap";  // the board's camera network
+    config.expect_key = "tarvo-cam-secret";
+    std::string error;
+    if (arp) {
+      EXPECT_EQ(0, camsim::SetArpEntry(board_.path(), ip, mac, &error)) << error;
+    }
+    cameras_.push_back(std::make_unique<camsim::Camera>(config, hub_, behaviour));
+    camsim::Camera& camera = *cameras_.back();
+    camera.SetLogger([this](const std::string& m, const std::string& text) {
+      std::lock_guard<std::mutex> lock(log_mutex_);
+      camera_log_.push_back(m + " " + text);
+    });
+    EXPECT_EQ(0, camera.Start(&error)) << error;
+    return camera;
+  }
+
+  void Connect(camsim::Camera& camera) {
+    std::string error;
+    ASSERT_EQ(0, camera.Connect(&error)) << error;
+    ASSERT_TRUE(WaitLines("Camera " + camera.mac() + " login hardver: ", 1));
+  }
+
+  void Pair(camsim::Camera& camera) {
+    const int id = agent_->SendCommand("let_connect_gateway", "");
+    EXPECT_EQ("{\"id\":" + std::to_string(id) + ",\"result\":[\"ok\"]}", Reply(id));
+    std::string error;
+    ASSERT_EQ(0, camera.Pair(&error)) << error;
+    // pairing mode is over once the pairing thread has left
+    ASSERT_TRUE(WaitLines("exit auth thread", ++pairings_, 20s));
+  }
+
+  std::string Reply(int id) {
+    std::string reply;
+    EXPECT_TRUE(agent_->WaitReply(id, &reply, 20s)) << "no reply to " << id;
+    return reply;
+  }
+
+  int Lines(const std::string& pattern) {
+    const std::regex re(pattern);
+    int n = 0;
+    for (const auto& line : daemon_->Lines()) n += std::regex_search(line, re) ? 1 : 0;
+    return n;
+  }
+  bool WaitLines(const std::string& pattern, int count, std::chrono::milliseconds timeout = 10s) {
+    return WaitFor([&] { return Lines(pattern) >= count; }, timeout);
+  }
+
+  // Waits until the hub counts the camera as asleep.
+  void AsleepForTheHub(camsim::Camera& camera) {
+    ASSERT_EQ(0, camera.Sleep());
+    ASSERT_TRUE(camera.WaitUntil(
+        [](const camsim::Stats& s) { return s.SinceLastFrame() >= kAsleepForTheHub; }, 10s));
+  }
+
+  std::string Board(const std::string& path) { return board_.path() + path; }
+
+  testsupport::Broker broker_;
+  testsupport::TempDir board_;
+  camsim::HubEndpoint hub_;
+  std::map<std::string, std::string> env_;
+  std::unique_ptr<testsupport::Process> daemon_;
+  std::unique_ptr<cloudsim::CloudAgent> agent_;
+  std::vector<std::unique_ptr<camsim::Camera>> cameras_;
+  int pairings_ = 0;
+  std::mutex log_mutex_;
+  std::vector<std::string> camera_log_;
+};
+
+TEST_F(CameraDaemon, CamerasOnTheirOwnAddressesPairConnectAndLogIn) {
+  Start();
+  camsim::Camera& a = NewCamera("0A00000000A1", "127.0.0.101");
+  camsim::Camera& b = NewCamera("0A00000000B2", "127.0.0.102", camsim::Behaviour(), 305);
+
+  // one camera per period of pairing mode
+  Pair(a);
+  EXPECT_EQ(1, Lines("auth camera mac: 0A00000000A1$"));
+  Pair(b);
+  EXPECT_EQ(1, Lines("auth camera mac: 0A00000000B2$"));
+  EXPECT_EQ(2, Lines("It's a new camera sync to hub"));
+  for (camsim::Camera* c : {&a, &b}) {
+    const camsim::Stats s = c->GetStats();
+    EXPECT_EQ(1, s.pairings);
+    EXPECT_EQ("tarvo-cam-ap", s.ssid);
+  }
+  const std::string p2p = testsupport::ReadFile(Board("/etc/config/p2p"));
+  EXPECT_NE(std::string::npos, p2p.find("config p2p '0A00000000A1'"));
+  EXPECT_NE(std::string::npos, p2p.find("config p2p '0A00000000B2'"));
+
+  Connect(a);
+  Connect(b);
+  EXPECT_EQ(1, Lines("has tcp client ip: 127.0.0.101, mac: \\*0A00000000A1\\*"));
+  EXPECT_EQ(1, Lines("has tcp client ip: 127.0.0.102, mac: \\*0A00000000B2\\*"));
+  EXPECT_EQ(2, Lines("Recv camera login 1\\.\\.\\."));
+  EXPECT_EQ(1, Lines("Camera 0A00000000B2 login hardver: 100, version: 305$"));
+
+  // each camera answers for itself
+  for (camsim::Camera* c : {&a, &b}) {
+    const int id = agent_->SendCommand("get_camera_prop", "[\"" + c->mac() + "\"]");
+    const std::string reply = Reply(id);
+    EXPECT_NE(std::string::npos, reply.find("\"mac\":\"" + c->mac() + "\"")) << reply;
+    EXPECT_NE(std::string::npos,
+              reply.find(c == &b ? "\"version\":\"305\"" : "\"version\":\"203\""))
+        << reply;
+    EXPECT_EQ(1, c->GetStats().Count(command::kTypeProp, 0));
+  }
+  const std::string list = Reply(agent_->SendCommand("get_camera_list", ""));
+  EXPECT_NE(std::string::npos, list.find("0A00000000A1"));
+  EXPECT_NE(std::string::npos, list.find("0A00000000B2"));
+}
+
+TEST_F(CameraDaemon, CommandsGoOutAtOnceWhileAwakeAndWaitForTheTcpWakeWhileAsleep) {
+  Start({"0A00000000C3,127.0.0.103"});
+  camsim::Behaviour behaviour;
+  behaviour.heartbeat = 200ms;
+  camsim::Camera& cam = NewCamera("0A00000000C3", "127.0.0.103", behaviour);
+  Connect(cam);
+
+  // awake: sent at once, no wake
+  int id = agent_->SendCommand("set_night_mode", "[\"0A00000000C3\",2]");
+  EXPECT_EQ("{\"id\":" + std::to_string(id) + ",\"result\":[\"ok\"]}", Reply(id));
+  EXPECT_EQ(2, cam.GetStats().night);
+  EXPECT_EQ(0, Lines("send tcp wake package"));
+  EXPECT_EQ(0, cam.GetStats().wake_frames);
+
+  // asleep: heartbeats only; the hub keeps two commands and wakes the camera
+  AsleepForTheHub(cam);
+  ASSERT_TRUE(WaitLines("recv 0A00000000C3 heartbeat len: 1", 3));
+  const int night = agent_->SendCommand("set_night_mode", "[\"0A00000000C3\",1]");
+  const int prop = agent_->SendCommand("get_camera_prop", "[\"0A00000000C3\"]");
+  EXPECT_EQ("{\"id\":" + std::to_string(night) + ",\"result\":[\"ok\"]}", Reply(night));
+  EXPECT_NE(std::string::npos, Reply(prop).find("\"night\":1"));
+  // the login after the heartbeats reached the hub whole and the queue was replayed
+  ASSERT_TRUE(WaitLines("command vector have [12] command", 1));
+  EXPECT_GE(Lines("send tcp wake package\\.\\.\\. [0-9]+"), 1);
+  EXPECT_EQ(1, Lines("Recv camera login 2\\.\\.\\."));
+  EXPECT_EQ(0, Lines("Discard [0-9]+ received bytes"));
+  const camsim::Stats s = cam.GetStats();
+  EXPECT_EQ(1, s.wakes_tcp);
+  EXPECT_EQ(0, s.commands_asleep);  // nothing but the wake reached the sleeping camera
+  EXPECT_EQ(2, s.Count(command::kTypeSetting, command::kSubNight));
+  EXPECT_EQ(1, s.night);
+}
+
+TEST_F(CameraDaemon, UdpWakeAloneBringsTheQueuedCommand) {
+  Start({"0A00000000D4,127.0.0.104"});
+  camsim::Behaviour behaviour;
+  behaviour.wake_on_tcp = false;  // only the datagrams wake it
+  camsim::Camera& cam = NewCamera("0A00000000D4", "127.0.0.104", behaviour);
+  Connect(cam);
+  AsleepForTheHub(cam);
+
+  const int id = agent_->SendCommand("get_camera_prop", "[\"0A00000000D4\"]");
+  EXPECT_NE(std::string::npos, Reply(id).find("\"mac\":\"0A00000000D4\""));
+  ASSERT_TRUE(WaitLines("exit thread send UDP wakeup camera: 0A00000000D4", 1));
+  const camsim::Stats s = cam.GetStats();
+  EXPECT_EQ(1, s.wake_frames);  // the TCP wake came and was slept through
+  EXPECT_EQ(1, s.wakes_udp);
+  EXPECT_EQ(0, s.wakes_tcp);
+  EXPECT_GE(s.wake_datagrams, 1);
+  EXPECT_EQ(1, Lines("start thread send UDP wakeup camera: 0A00000000D4"));
+  EXPECT_EQ(1, Lines("command vector have 1 command"));
+}
+
+TEST_F(CameraDaemon, AReconnectReplacesTheOldConnection) {
+  Start({"0A00000000E5,127.0.0.105"});
+  camsim::Camera& cam = NewCamera("0A00000000E5", "127.0.0.105");
+  Connect(cam);
+  std::string error;
+  ASSERT_EQ(0, cam.Connect(&error)) << error;  // the first connection stays open
+  ASSERT_TRUE(cam.WaitUntil([](const camsim::Stats& s) { return s.replaced_closes == 1; }));
+  ASSERT_TRUE(WaitLines("init connect sockfd: ", 2));
+  EXPECT_EQ(2, Lines("has tcp client ip: 127.0.0.105, mac: \\*0A00000000E5\\*"));
+  EXPECT_EQ(1, Lines("close rxbuf and old sockfd: "));
+  // commands take the new connection
+  const int id = agent_->SendCommand("get_camera_prop", "[\"0A00000000E5\"]");
+  EXPECT_NE(std::string::npos, Reply(id).find("\"mac\":\"0A00000000E5\""));
+  EXPECT_TRUE(cam.GetStats().connected);
+  EXPECT_EQ(0, cam.GetStats().hub_closes);
+}
+
+TEST_F(CameraDaemon, AnUnknownCameraChangesNothing) {
+  Start({"0A00000000F6,127.0.0.106"});
+  camsim::Camera& known = NewCamera("0A00000000F6", "127.0.0.106");
+  Connect(known);
+  // the store takes the camera's own values first
+  const int first = agent_->SendCommand("get_camera_prop", "[\"0A00000000F6\"]");
+  EXPECT_NE(std::string::npos, Reply(first).find("\"mac\":\"0A00000000F6\""));
+  const std::string p2p = testsupport::ReadFile(Board("/etc/config/p2p"));
+
+  camsim::Camera& stranger = NewCamera("0A000000FF07", "127.0.0.107");
+  camsim::Camera& nameless = NewCamera("0A000000FF08", "127.0.0.108", camsim::Behaviour(), 203,
+                                       false);  // no ARP line
+  for (camsim::Camera* c : {&stranger, &nameless}) {
+    std::string error;
+    ASSERT_EQ(0, c->Connect(&error)) << error;
+    ASSERT_TRUE(c->WaitUntil([](const camsim::Stats& s) { return s.hub_closes == 1; }));
+  }
+  ASSERT_TRUE(WaitLines("New tcp client out of Range error: ", 2));
+  EXPECT_EQ(1, Lines("has tcp client ip: 127.0.0.107, mac: \\*0A000000FF07\\*"));
+  EXPECT_EQ(1, Lines("has tcp client ip: 127.0.0.108, mac: \\*\\*"));
+  EXPECT_EQ(0, Lines("(Recv camera login|login hardver).*0A000000FF0"));
+  EXPECT_EQ(p2p, testsupport::ReadFile(Board("/etc/config/p2p")));
+  const std::string list = Reply(agent_->SendCommand("get_camera_list", ""));
+  EXPECT_NE(std::string::npos, list.find("0A00000000F6"));
+  EXPECT_EQ(std::string::npos, list.find("0A000000FF0"));
+  // the known camera keeps its connection
+  const int id = agent_->SendCommand("get_camera_prop", "[\"0A00000000F6\"]");
+  EXPECT_NE(std::string::npos, Reply(id).find("\"mac\":\"0A00000000F6\""));
+  EXPECT_EQ(0, known.GetStats().hub_closes);
+  EXPECT_EQ(1, known.GetStats().connects);
+}
+
+TEST_F(CameraDaemon, RePairingReplacesTheChannel) {
+  Start({"0A00000000A9,127.0.0.109"});
+  camsim::Behaviour deaf;  // sleeps through every wake
+  deaf.wake_on_tcp = false;
+  deaf.wake_on_udp = false;
+  camsim::Camera& cam = NewCamera("0A00000000A9", "127.0.0.109", deaf);
+  Connect(cam);
+
+  // a command waits in the old channel's queue
+  AsleepForTheHub(cam);
+  agent_->SendCommand("set_night_mode", "[\"0A00000000A9\",2]");
+  ASSERT_TRUE(WaitLines("send tcp wake package", 1));
+  ASSERT_TRUE(cam.WaitUntil([](const camsim::Stats& s) { return s.wake_frames == 1; }));
+
+  Pair(cam);
+  EXPECT_EQ(1, Lines("It's exist in live channels, delete old and insert new"));
+  EXPECT_EQ(1, Lines("delete succeed\\.\\.\\.\\.\\."));
+  // the old channel took its connection with it
+  ASSERT_TRUE(cam.WaitUntil([](const camsim::Stats& s) { return s.hub_closes == 1; }));
+
+  // the new channel starts empty: the login finds no queued command
+  Connect(cam);
+  ASSERT_TRUE(WaitLines("command vector is empty", 2));
+  EXPECT_EQ(0, Lines("command vector have"));
+  const int id = agent_->SendCommand("get_camera_prop", "[\"0A00000000A9\"]");
+  EXPECT_NE(std::string::npos, Reply(id).find("\"night\":0"));
+  EXPECT_EQ(0, cam.GetStats().Count(command::kTypeSetting, command::kSubNight));
+}
+
+TEST_F(CameraDaemon, MotionAndBatteryEventsReachTheHub) {
+  Start({"0A00000000BA,127.0.0.110"});
+  camsim::Behaviour behaviour;
+  behaviour.pir_stream = 2s;
+  camsim::Camera& cam = NewCamera("0A00000000BA", "127.0.0.110", behaviour);
+  Connect(cam);
+  ASSERT_EQ(0, cam.RaisePir());
+  ASSERT_TRUE(WaitLines("(Motion event of camera |Found a PIR event camera: )0A00000000BA", 1));
+  ASSERT_TRUE(cam.WaitUntil([](const camsim::Stats& s) { return s.streams == 1 && !s.streaming; }));
+  EXPECT_GE(cam.GetStats().video_frames, 1);
+
+  ASSERT_EQ(0, cam.RaiseBattery(3650));
+  ASSERT_TRUE(WaitLines("Camera 0A00000000BA battery event, vbat: 3650, ", 1));
+  EXPECT_EQ(0, Lines("bat event len is error"));
+  EXPECT_EQ(0, Lines("Discard [0-9]+ received bytes"));
+}
+
+}  // namespace
