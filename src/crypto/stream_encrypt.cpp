@@ -11,6 +11,7 @@
 
 crypto_work_buf encrypto_audio;
 crypto_work_buf encrypto_video;
+crypto_nalu_info& live_crypto_nalu_info = encrypto_video.nalu;
 
 namespace {
 

@@ -72,6 +72,8 @@ struct crypto_work_buf {
 // bytes) work buffers, made once by libsodium_init (hubauth.h) and never freed.
 extern crypto_work_buf encrypto_audio;
 extern crypto_work_buf encrypto_video;
+// The unit table of live frames: encrypto_video.nalu, under encrypto_video.mutex.
+extern crypto_nalu_info& live_crypto_nalu_info;
 
 // Buffers of capacity + 8 and capacity + kVideoHeaderRoom bytes (malloc), or null.
 unsigned char* init_audio_buf(int capacity);
