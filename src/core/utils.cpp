@@ -203,7 +203,7 @@ int CopyFile(const char* from, const char* to) {
   }
   // The copy is written beside the destination and renamed over it, so a reader never sees a
   // half-written file and an interrupted copy leaves the old one in place.
-  std::string tmp = std::string(to) + ".XXXXXX";
+  std::string tmp = std::string(to) + "." + std::string(6, 'X');  // mkostemp's template
   const int out = mkostemp(tmp.data(), O_CLOEXEC);
   if (out < 0) {
     TLOG(LOG_DEBUG) << "Create " << tmp << " error: " << std::strerror(errno);

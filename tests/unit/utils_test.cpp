@@ -35,15 +35,6 @@ TEST(BatteryPercent, StepsAtTheirBounds) {
   EXPECT_EQ(utils::GetBatteryPercent(INT_MAX), 100);
 }
 
-TEST(BatteryPercent, NeverRisesAsTheVoltageFalls) {
-  int last = 100;
-  for (int mv = 4100; mv >= 2900; mv--) {
-    const int percent = utils::GetBatteryPercent(mv);
-    ASSERT_LE(percent, last) << mv << " mV";
-    last = percent;
-  }
-}
-
 TEST(WifiStrength, ClassesAtTheirBounds) {
   EXPECT_EQ(utils::GetWifiStrength(-50), 1);
   EXPECT_EQ(utils::GetWifiStrength(-51), 2);
