@@ -120,6 +120,11 @@ bool CommandAllowed(const std::string& command) {
     TLOG(LOG_ERR) << "No board root (TARVO_ROOT): refusing to run \"" << command << "\"";
     return false;
   }
+  if (ResolvedRoot() == "/") {
+    TLOG(LOG_ERR) << "The board root is the machine's root folder: refusing to run \"" << command
+                  << "\"";
+    return false;
+  }
   size_t i = 0;
   while (i < command.size()) {
     if (!IsWordChar(command[i])) {
@@ -183,6 +188,9 @@ pid_t Spawn(const std::string& command, int child_fd, int parent_fd) {
   posix_spawn_file_actions_init(&actions);
   posix_spawnattr_init(&attr);
   if (child_fd >= 0) posix_spawn_file_actions_adddup2(&actions, parent_fd, child_fd);
+  // Only standard input, output and error reach the command: sockets and files of the daemon
+  // that lack close-on-exec stay behind.
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   // The child starts with default signal actions and nothing blocked, whatever this process
   // ignores (SIGCHLD, SIGPIPE) or blocks.
   sigset_t all, none;

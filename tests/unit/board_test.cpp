@@ -1,5 +1,6 @@
 #include "platform/board.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -115,6 +116,12 @@ TEST_F(BoardTest, CommandsReachTheBoardsShimsWithTheBoardEnvironment) {
   // a board file that shares a tool's name is no tool
   WriteFile(dir_.path() + "/var/log/reboot", "recorded\n");
   EXPECT_EQ(Output("cat " + platform::BoardPath("/var/log/reboot")), "recorded\n");
+
+  // descriptors of the daemon without close-on-exec stay behind
+  const int leaked = open(dir_.path().c_str(), O_RDONLY);
+  ASSERT_GE(leaked, 3);
+  EXPECT_EQ(Output("test -e /proc/$$/fd/" + std::to_string(leaked) + " && echo inherited"), "");
+  close(leaked);
 
   const int status = platform::System("exit 3");
   ASSERT_TRUE(WIFEXITED(status));

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "core/log.h"
 #include "platform/board.h"
 #include "platform/boardfs.h"
 #include "platform/boardmaker.h"
@@ -160,14 +161,22 @@ TEST_F(UciTest, MalformedPackageIsRefusedAndNeverOverwritten) {
       "config p2p 'A'\n\toption a b c\n",     // too many words
       std::string("config p2p 'A'\n\0", 16),  // NUL byte
   };
+  std::vector<std::string> logged;
+  tlog::SetCaptureSink([&logged](int, const std::string& line) { logged.push_back(line); });
   for (const auto& text : bad) {
+    logged.clear();
     PutPackage("p2p", text);
     EXPECT_EQ(Get("p2p.A.name"), "<absent>");
     EXPECT_EQ(zcfg_uci_set("p2p.BBBBBBBBBBBB", "p2p"), -1);
     EXPECT_EQ(zcfg_uci_delete("p2p.A"), -1);
     EXPECT_EQ(Sections("p2p"), std::vector<std::string>{"<error>"});
     EXPECT_EQ(Package("p2p"), text);
+    ASSERT_FALSE(logged.empty());
+    EXPECT_NE(logged[0].find("malformed package p2p (" + dir_.path() + "/etc/config/p2p) line "),
+              std::string::npos)
+        << logged[0];
   }
+  tlog::SetCaptureSink(nullptr);
 }
 
 TEST_F(UciTest, InvalidKeysAndValuesAreRefused) {
