@@ -6,3 +6,9 @@ int playlist_mgr_init() {
   TLOG(LOG_DEBUG) << "Recording playlists are not part of this build yet";
   return 0;
 }
+
+int playlist_stop_play(int sid) {
+  // Recording playback keeps no playlists in this build, so no session has one to stop.
+  TLOG(LOG_DEBUG) << "No playlist to stop for session " << sid;
+  return 0;
+}

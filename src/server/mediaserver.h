@@ -3,10 +3,16 @@
 // The registry maps a camera's MAC (twelve upper-case hexadecimal digits) to its live channel.
 // Look-ups hand out shared references, so a channel taken out of the registry lives on until its
 // last user lets go; its connection is closed on the event-loop thread when it leaves.
+//
+// The P2P side brings the P2P libraries up, logs the hub in under its uid, waits for viewers and
+// serves each session on its own thread: the AV server channel with the slot's login check, then
+// the viewer's I/O-control messages one at a time until the session ends.
 #pragma once
 
 #include <ev.h>
 
+#include <array>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -16,21 +22,54 @@
 namespace channel {
 class LiveChannel;
 }
+namespace client {
+class Client;
+}
 
 namespace server {
 
 class MediaServer {
  public:
+  // Sets server_play to this server.
   MediaServer();
+  ~MediaServer();
   MediaServer(const MediaServer&) = delete;
   MediaServer& operator=(const MediaServer&) = delete;
 
-  // Builds one live channel per camera section of uci package "p2p" and starts the camera
-  // listener. With TARVO_TEST_PAIRING=1 in the environment it also enters pairing mode: a test
-  // hook that goes once the cloud's pairing command reaches the hub. 0 or -1.
+  // Creates the four viewer session slots, builds one live channel per camera section of uci
+  // package "p2p" and starts the camera listener. With TARVO_TEST_PAIRING=1 in the environment it
+  // also enters pairing mode: a test hook that goes once the cloud's pairing command reaches the
+  // hub. 0 or -1.
   int Init();
-  // Starts the P2P login and listen threads. 0 or -1.
+  // Brings the P2P libraries up (at most four sessions, twelve AV channels) and starts the
+  // login and listen threads; returns at once. 0, or -1 when a library does not start (the
+  // rest of the hub runs on without viewers).
   int StartTutk();
+  // Clears the running flag: the listen loop then takes every slot's AV channel away, shuts the
+  // P2P libraries down and ends the process with status 0.
+  void StopTutk();
+  bool running() const { return running_.load() != 0; }
+
+  // The viewer session slot 0..3, or nullptr for another index or before Init.
+  client::Client* GetClient(int slot) const;
+
+  // Thread body: logs the device in to the P2P service under the configuration's uid, waiting
+  // while there is none and retrying every 5 seconds until it succeeds.
+  static void* Login(void* arg);
+  // The login-state callback: only logs.
+  static void LoginInfoCallback(unsigned int flags);
+  // Thread body, arg the server: accepts viewer sessions, one detached thread each.
+  static void* DoListen(void* arg);
+  // Thread body, arg a heap int holding the session ID (freed here): serves one viewer session.
+  static void* Thread_ForAVServerStart(void* arg);
+  // Ends a viewer session: stops its AV channel and any playback of it, closes the session.
+  // The result of IOTC_Session_Close.
+  static int CloseSession(int sid, int avIndex);
+
+  // One I/O-control message of the viewer of session sid (payload zero-filled after the
+  // message, so texts are NUL-terminated). Runs on that session's thread. Audio start and stop
+  // only log; other types are left to the viewer command handlers.
+  void Handle_IOCTRL_Cmd(int sid, int avIndex, char* payload, int type);
 
   // The media server that ran Init last (the daemon has one), or nullptr.
   static MediaServer* Current();
@@ -56,6 +95,8 @@ class MediaServer {
  private:
   static void OnAccept(struct ev_loop* loop, ev_io* watcher, int revents);
 
+  std::array<client::Client*, 4> clients_{};  // made by Init, deleted with the server
+  std::atomic<int> running_{0};
   std::mutex mutex_;  // guards live_channels_
   std::map<std::string, std::shared_ptr<channel::LiveChannel>> live_channels_;
   int listen_fd_ = -1;
@@ -63,6 +104,9 @@ class MediaServer {
 };
 
 }  // namespace server
+
+// The media server of the process, set by its constructor.
+extern std::atomic<server::MediaServer*> server_play;
 
 // Asks the camera access point to drop the stations of every configured camera, so that they
 // associate and connect afresh to this process.
