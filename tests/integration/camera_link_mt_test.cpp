@@ -172,7 +172,7 @@ class Cam {
   }
   const uint8_t* addr() const { return addr_; }
 
-  int Dial(uint16_t port) {
+  int Dial(uint16_t port) const {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     struct sockaddr_in local = Address(ip_, 0);
     struct sockaddr_in hub = Address("127.0.0.1", port);
@@ -259,7 +259,7 @@ class Cam {
   // returns the connection.
   int PairingConnection() const {
     int fd = -1;
-    WaitFor([&] { return (fd = const_cast<Cam*>(this)->Dial(g_world->pairing_port)) >= 0; });
+    WaitFor([&] { return (fd = Dial(g_world->pairing_port)) >= 0; });
     return fd;
   }
   Bytes PairingRequest(uint16_t seq) const {
