@@ -21,6 +21,7 @@
 
 #include "camera/framecutter.h"
 #include "camsim/camsimmedia.h"
+#include "camsim/camsimpair.h"
 #include "camsim/camsimwire.h"
 #include "core/log.h"
 
@@ -33,7 +34,6 @@ using std::chrono::milliseconds;
 constexpr int kFps = 15;
 constexpr auto kTickPeriod = std::chrono::microseconds(1000000 / kFps);
 constexpr auto kPollCap = milliseconds(200);
-constexpr auto kRetryPause = milliseconds(100);
 constexpr auto kSendTimeout = std::chrono::seconds(3);
 // After the reply the hub keeps the pairing connection open a few seconds, then closes it.
 constexpr auto kPairCloseWait = std::chrono::seconds(15);
@@ -140,7 +140,7 @@ class Camera::Impl {
   int DoConnect(std::string* error);
   void DoDisconnect();
   int DoSleep(const std::string& why);
-  int DoWake(const char* why);
+  int DoWake();
   int DoLogin(bool addressed);
   int DoPir();
   int DoBattery(uint32_t vbat);
@@ -176,7 +176,6 @@ class Camera::Impl {
   void CloseTcp();
   void Dropped(const std::string& why, bool by_hub);
   _net_cmd_get_info_type Info() const;
-  int PairingExchange(int fd, Clock::time_point deadline, std::string* error);
   bool Stopping() const { return stop_.load(); }
 
   void Log(const std::string& text) {
@@ -881,7 +880,7 @@ int Camera::Impl::DoSleep(const std::string& why) {
   return 0;
 }
 
-int Camera::Impl::DoWake(const char* /*why*/) {
+int Camera::Impl::DoWake() {
   if (!connected_ && !want_connected_) return -1;
   WakeUp(WakeReason::kSelf);
   return 0;
@@ -971,102 +970,38 @@ void Camera::Impl::SendTick() {
 // --- Pairing ---------------------------------------------------------------------------------
 
 int Camera::Impl::DoPair(std::string* error) {
-  auto fail = [&](const std::string& text) {
-    Log("pairing failed: " + text);
-    Update([&](Stats& s) { s.pair_error = text; });
-    if (error != nullptr) *error = text;
-    return -1;
-  };
-  struct sockaddr_in local, remote;
-  SockAddr(config_.ip, 0, &local);
-  if (!SockAddr(hub_.ip, hub_.pairing_port, &remote)) return fail("not a hub address: " + hub_.ip);
-  const auto deadline = Clock::now() + behaviour_.pair_timeout;
-  int fd = -1;
-  std::string why;
-  while (fd < 0) {
-    if (Stopping()) return fail("stopped");
-    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return fail(std::string("socket: ") + std::strerror(errno));
-    Update([](Stats& s) { s.pair_attempts++; });
-    if (bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) != 0 ||
-        connect(fd, reinterpret_cast<struct sockaddr*>(&remote), sizeof(remote)) != 0) {
-      why = std::strerror(errno);
-      close(fd);
-      fd = -1;
-      if (Clock::now() >= deadline) {
-        return fail("pairing server " + hub_.ip + ":" + std::to_string(hub_.pairing_port) +
-                    " not reachable: " + why);
-      }
-      std::this_thread::sleep_for(kRetryPause);
+  PairingAttempt attempt;
+  attempt.camera_ip = config_.ip;
+  attempt.hub_ip = hub_.ip;
+  attempt.port = hub_.pairing_port;
+  attempt.origin = Next();
+  attempt.info = Info();
+  attempt.deadline = Clock::now() + behaviour_.pair_timeout;
+  attempt.close_wait = kPairCloseWait;
+  attempt.stopping = [this] { return Stopping(); };
+  attempt.on_connect_try = [this] { Update([](Stats& s) { s.pair_attempts++; }); };
+  Log("pairing with " + hub_.ip + ":" + std::to_string(hub_.pairing_port));
+  std::string ssid, key, why;
+  if (PairWithHub(attempt, &ssid, &key, &why) == 0) {
+    if (!config_.expect_ssid.empty() && ssid != config_.expect_ssid) {
+      why = "pairing gave network " + ssid + ", expected " + config_.expect_ssid;
+    } else if (!config_.expect_key.empty() && key != config_.expect_key) {
+      why = "pairing gave a wrong passphrase for network " + ssid;
+    } else {
+      Log("paired: network " + ssid);
+      Update([&](Stats& s) {
+        s.pairings++;
+        s.ssid = ssid;
+        s.key = key;
+        s.pair_error.clear();
+      });
+      return 0;
     }
   }
-  const int result = PairingExchange(fd, deadline, &why);
-  close(fd);
-  if (result < 0) return fail(why);
-  return 0;
-}
-
-int Camera::Impl::PairingExchange(int fd, Clock::time_point deadline, std::string* error) {
-  const Origin origin = Next();
-  uint8_t request[_net_cmd_get_info_type::kWireSize + command::kFrameOverhead];
-  const int size = BuildPairingRequest(request, sizeof(request), origin, Info());
-  if (send(fd, request, static_cast<size_t>(size), MSG_NOSIGNAL) != size) {
-    *error = std::string("sending the pairing request: ") + std::strerror(errno);
-    return -1;
-  }
-  Log("pairing request sent to " + hub_.ip + ":" + std::to_string(hub_.pairing_port));
-  uint8_t buf[1024];
-  size_t got = 0;
-  std::string ssid, key;
-  for (;;) {
-    if (Stopping()) {
-      *error = "stopped";
-      return -1;
-    }
-    if (Clock::now() >= deadline) {
-      *error = "no pairing reply";
-      return -1;
-    }
-    struct pollfd p = {fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(kRetryPause.count())) <= 0) continue;
-    const ssize_t n = recv(fd, buf + got, sizeof(buf) - got, 0);
-    if (n <= 0) {
-      *error = "the hub closed the pairing connection without a reply";
-      return -1;
-    }
-    got += static_cast<size_t>(n);
-    const int parsed = ParsePairingReply(buf, got, origin, &ssid, &key, error);
-    if (parsed < 0) return -1;
-    if (parsed == 1) break;
-    if (got == sizeof(buf)) {
-      *error = "pairing reply too long";
-      return -1;
-    }
-  }
-  if (!config_.expect_ssid.empty() && ssid != config_.expect_ssid) {
-    *error = "pairing gave network " + ssid + ", expected " + config_.expect_ssid;
-    return -1;
-  }
-  if (!config_.expect_key.empty() && key != config_.expect_key) {
-    *error = "pairing gave a wrong passphrase for network " + ssid;
-    return -1;
-  }
-  Log("paired: network " + ssid);
-  // The hub records the camera and makes its channel, then closes the connection.
-  const auto close_deadline = Clock::now() + kPairCloseWait;
-  while (!Stopping() && Clock::now() < close_deadline) {
-    struct pollfd p = {fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(kRetryPause.count())) <= 0) continue;
-    uint8_t sink[256];
-    if (recv(fd, sink, sizeof(sink), 0) <= 0) break;
-  }
-  Update([&](Stats& s) {
-    s.pairings++;
-    s.ssid = ssid;
-    s.key = key;
-    s.pair_error.clear();
-  });
-  return 0;
+  Log("pairing failed: " + why);
+  Update([&](Stats& s) { s.pair_error = why; });
+  if (error != nullptr) *error = why;
+  return -1;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1119,7 +1054,7 @@ int Camera::Sleep() {
   return impl_->Call([this] { return impl_->DoSleep("told to"); });
 }
 int Camera::Wake() {
-  return impl_->Call([this] { return impl_->DoWake("told to"); });
+  return impl_->Call([this] { return impl_->DoWake(); });
 }
 int Camera::Login() {
   return impl_->Call([this] { return impl_->DoLogin(true); });
