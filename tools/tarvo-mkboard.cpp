@@ -15,7 +15,7 @@
 namespace {
 
 void PrintHelp() {
-  const platform::BoardSpec d;
+  const platform::BoardOptions d;
   std::printf(
       "Usage: tarvo-mkboard [options] DIR\n"
       "Makes a board root in DIR (created when missing; must be empty unless --force).\n"
@@ -70,7 +70,7 @@ bool ParseEpoch(const std::string& text, int64_t* out) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  platform::BoardSpec spec;
+  platform::BoardOptions options;
   std::string dir, shim_dir = OwnFolder();
   std::vector<std::string> args(argv + 1, argv + argc);
   for (size_t i = 0; i < args.size(); i++) {
@@ -95,26 +95,26 @@ int main(int argc, char** argv) {
       PrintHelp();
       return 0;
     } else if (opt == "--mac") {
-      if (!take(&spec.mac)) return Usage("--mac needs a value");
+      if (!take(&options.mac)) return Usage("--mac needs a value");
     } else if (opt == "--did") {
-      if (!take(&spec.did)) return Usage("--did needs a value");
+      if (!take(&options.did)) return Usage("--did needs a value");
     } else if (opt == "--key") {
-      if (!take(&spec.key)) return Usage("--key needs a value");
+      if (!take(&options.key)) return Usage("--key needs a value");
     } else if (opt == "--uid") {
-      if (!take(&spec.uid)) return Usage("--uid needs a value");
+      if (!take(&options.uid)) return Usage("--uid needs a value");
     } else if (opt == "--token") {
-      if (!take(&spec.token)) return Usage("--token needs a value");
+      if (!take(&options.token)) return Usage("--token needs a value");
     } else if (opt == "--ssid") {
-      if (!take(&spec.ssid)) return Usage("--ssid needs a value");
+      if (!take(&options.ssid)) return Usage("--ssid needs a value");
     } else if (opt == "--wifi-key") {
-      if (!take(&spec.wifi_key)) return Usage("--wifi-key needs a value");
+      if (!take(&options.wifi_key)) return Usage("--wifi-key needs a value");
     } else if (opt == "--shim-dir") {
       if (!take(&shim_dir)) return Usage("--shim-dir needs a value");
     } else if (opt == "--clock") {
-      if (!take(&text) || !ParseEpoch(text, &spec.clock)) {
+      if (!take(&text) || !ParseEpoch(text, &options.clock)) {
         return Usage("--clock needs an epoch second");
       }
-      spec.set_clock = true;
+      options.set_clock = true;
     } else if (opt == "--camera") {
       if (!take(&text)) return Usage("--camera needs MAC[,IP]");
       const size_t comma = text.find(',');
@@ -124,15 +124,15 @@ int main(int argc, char** argv) {
         camera.ip = text.substr(comma + 1);
         if (camera.ip.empty()) return Usage("--camera " + text + ": empty address");
       }
-      spec.cameras.push_back(camera);
+      options.cameras.push_back(camera);
     } else if (opt == "--no-wifi-conf" && !has_value) {
-      spec.wifi_conf = false;
+      options.wifi_conf = false;
     } else if (opt == "--no-identity" && !has_value) {
-      spec.identity = false;
+      options.identity = false;
     } else if (opt == "--card" && !has_value) {
-      spec.card = true;
+      options.card = true;
     } else if (opt == "--force" && !has_value) {
-      spec.force = true;
+      options.force = true;
     } else if (!opt.empty() && opt[0] == '-') {
       return Usage("unknown option " + args[i]);
     } else if (dir.empty()) {
@@ -142,13 +142,13 @@ int main(int argc, char** argv) {
     }
   }
   if (dir.empty()) return Usage("no folder given");
-  spec.shim = shim_dir + "/tarvo-shim";
-  if (access(spec.shim.c_str(), X_OK) != 0) {
+  options.shim = shim_dir + "/tarvo-shim";
+  if (access(options.shim.c_str(), X_OK) != 0) {
     std::fprintf(stderr, "tarvo-mkboard: no tarvo-shim in %s (use --shim-dir)\n", shim_dir.c_str());
     return 1;
   }
   std::string error;
-  if (platform::MakeBoardRoot(dir, spec, &error) != 0) {
+  if (platform::MakeBoardRoot(dir, options, &error) != 0) {
     std::fprintf(stderr, "tarvo-mkboard: %s\n", error.c_str());
     return 1;
   }

@@ -71,7 +71,8 @@ int WriteFileAtomic(const std::string& path, const std::string& content, mode_t 
   const std::string dir =
       slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
   const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-  std::string tmpl = dir + "/." + base + ".XXXXXX";
+  // mkostemp replaces the six trailing X with random characters
+  std::string tmpl = dir + "/." + base + "." + std::string(6, 'X');
   std::vector<char> name(tmpl.begin(), tmpl.end());
   name.push_back('\0');
   int fd = mkostemp(name.data(), O_CLOEXEC);

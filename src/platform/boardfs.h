@@ -14,9 +14,9 @@ namespace boardfs {
 // Reads a whole file of at most max bytes. False when it cannot be read or is larger.
 bool ReadFile(const std::string& path, std::string* out, size_t max = 1 << 20);
 
-// Replaces path with content: a temporary ".<name>.XXXXXX" beside it is written, synced and
-// renamed over the target, then the folder is synced. A crash at any point leaves either the
-// old or the new file. Without sync the data and the rename are not forced to the disk (for
+// Replaces path with content: a temporary ".<name>.<6 random characters>" beside it is written,
+// synced and renamed over the target, then the folder is synced. A crash at any point leaves either
+// the old or the new file. Without sync the data and the rename are not forced to the disk (for
 // scratch files such as a new board's, where a crash loses nothing of value). 0 or -1.
 int WriteFileAtomic(const std::string& path, const std::string& content, mode_t mode = 0644,
                     bool sync = true);

@@ -169,27 +169,29 @@ bool InstallShims(Writer& w, const std::string& root, const std::string& shim, s
 
 }  // namespace
 
-bool ValidateBoardSpec(const BoardSpec& spec, std::string* error) {
-  if (!IsHexText(spec.mac, 12)) {
+bool ValidateBoardOptions(const BoardOptions& options, std::string* error) {
+  if (!IsHexText(options.mac, 12)) {
     *error = "the hub MAC must be twelve hexadecimal digits";
     return false;
   }
-  if (!ValidText("did", spec.did, 1, 31, error) || !ValidText("key", spec.key, 1, 31, error) ||
-      !ValidText("uid", spec.uid, 1, 31, error) || !ValidText("token", spec.token, 1, 64, error) ||
-      !ValidText("ssid", spec.ssid, 1, 32, error) ||
-      !ValidText("wifi key", spec.wifi_key, 8, 63, error)) {
+  if (!ValidText("did", options.did, 1, 31, error) ||
+      !ValidText("key", options.key, 1, 31, error) ||
+      !ValidText("uid", options.uid, 1, 31, error) ||
+      !ValidText("token", options.token, 1, 64, error) ||
+      !ValidText("ssid", options.ssid, 1, 32, error) ||
+      !ValidText("wifi key", options.wifi_key, 8, 63, error)) {
     return false;
   }
-  if (spec.set_clock && (spec.clock < 0 || spec.clock > 4102444799LL)) {
+  if (options.set_clock && (options.clock < 0 || options.clock > 4102444799LL)) {
     *error = "the clock must be an epoch second from 0 to 4102444799";
     return false;
   }
-  if (spec.cameras.size() > 4) {
+  if (options.cameras.size() > 4) {
     *error = "a hub keeps at most four cameras";
     return false;
   }
-  for (size_t i = 0; i < spec.cameras.size(); i++) {
-    const auto& cam = spec.cameras[i];
+  for (size_t i = 0; i < options.cameras.size(); i++) {
+    const auto& cam = options.cameras[i];
     if (!IsHexText(cam.mac, 12)) {
       *error = "camera MAC " + cam.mac + " is not twelve hexadecimal digits";
       return false;
@@ -200,7 +202,7 @@ bool ValidateBoardSpec(const BoardSpec& spec, std::string* error) {
       return false;
     }
     for (size_t j = 0; j < i; j++) {
-      if (Upper(spec.cameras[j].mac) == Upper(cam.mac)) {
+      if (Upper(options.cameras[j].mac) == Upper(cam.mac)) {
         *error = "camera " + cam.mac + " given twice";
         return false;
       }
@@ -209,8 +211,8 @@ bool ValidateBoardSpec(const BoardSpec& spec, std::string* error) {
   return true;
 }
 
-int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* error) {
-  if (!ValidateBoardSpec(spec, error)) return -1;
+int MakeBoardRoot(const std::string& dir, const BoardOptions& options, std::string* error) {
+  if (!ValidateBoardOptions(options, error)) return -1;
   if (dir.empty()) {
     *error = "no board folder given";
     return -1;
@@ -226,7 +228,7 @@ int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* er
       *error = dir + " exists and is not a folder";
       return -1;
     }
-    if (!fs::is_empty(root, ec) && !spec.force) {
+    if (!fs::is_empty(root, ec) && !options.force) {
       *error = dir + " is not empty (use --force to write over it)";
       return -1;
     }
@@ -241,10 +243,10 @@ int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* er
   }
 
   // uci packages
-  const std::string mac = Upper(spec.mac);
+  const std::string mac = Upper(options.mac);
   uci::Package p2p;
-  for (size_t i = 0; i < spec.cameras.size(); i++) {
-    p2p.sections.push_back(MakeSection("p2p", Upper(spec.cameras[i].mac),
+  for (size_t i = 0; i < options.cameras.size(); i++) {
+    p2p.sections.push_back(MakeSection("p2p", Upper(options.cameras[i].mac),
                                        {{"name", kCameraName},
                                         {"battery", "100"},
                                         {"wifi", "1"},
@@ -288,9 +290,9 @@ int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* er
                                            {"ifname", "ra1"},
                                            {"network", "cam"},
                                            {"mode", "ap"},
-                                           {"ssid", spec.ssid},
+                                           {"ssid", options.ssid},
                                            {"encryption", "psk2"},
-                                           {"key", spec.wifi_key},
+                                           {"key", options.wifi_key},
                                            {"hidden", "1"}}));
   uci::Package network;
   network.sections.push_back(MakeSection(
@@ -316,7 +318,7 @@ int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* er
   }
 
   // provisioning files, moved into etc/zelo by the daemon at its first start
-  if (spec.wifi_conf) {
+  if (options.wifi_conf) {
     if (!w.File("/etc/config/wifi.conf",
                 std::string("ssid=") + kHomeSsid + "\npsk=" + kHomeKey + "\n")) {
       return -1;
@@ -324,15 +326,15 @@ int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* er
   } else if (!w.Remove("/etc/config/wifi.conf")) {
     return -1;
   }
-  if (!w.File("/etc/config/device.token", spec.token + "\n")) return -1;
+  if (!w.File("/etc/config/device.token", options.token + "\n")) return -1;
   if (!w.File("/etc/zelo/wifi_start.sh", kWifiStartScript, 0755)) return -1;
 
   // nvram
   std::string store;
-  if (spec.identity) {
-    store += "p2p.did=" + spec.did + "\np2p.key=" + spec.key + "\np2p.mac=" + mac + "\n";
+  if (options.identity) {
+    store += "p2p.did=" + options.did + "\np2p.key=" + options.key + "\np2p.mac=" + mac + "\n";
   }
-  store += "p2p.uid=" + spec.uid + "\n";
+  store += "p2p.uid=" + options.uid + "\n";
   if (!w.File("/etc/nvram/store", store, 0600) || !w.Remove("/tmp/.nvram.pending") ||
       !w.Remove("/tmp/.nvramcache")) {
     return -1;
@@ -341,7 +343,7 @@ int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* er
   // the card, the mount table, the driver list and the ARP table
   std::string mounts = "rootfs / rootfs rw 0 0\ntmpfs /tmp tmpfs rw,nosuid,nodev,noatime 0 0\n";
   std::string modules;
-  if (spec.card) {
+  if (options.card) {
     mounts += kCardMountLine;
     modules = "mtk_sd 40960 0 - Live 0x00000000\n";
     if (!w.File("/dev/mmcblk0p1", "")) return -1;
@@ -349,7 +351,7 @@ int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* er
     return -1;
   }
   std::string arp = kArpHeader;
-  for (const auto& cam : spec.cameras) {
+  for (const auto& cam : options.cameras) {
     if (cam.ip.empty()) continue;
     char line[128];
     std::snprintf(line, sizeof(line), "%-16s 0x%-10x0x%-10x%-17s     %-8s %s\n", cam.ip.c_str(), 1,
@@ -366,21 +368,21 @@ int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* er
       !w.File("/sys/class/net/eth0/operstate", "up\n") ||
       !w.File("/sys/class/net/ra0/operstate", "up\n") ||
       !w.File("/sys/class/net/ra1/operstate", "down\n") ||
-      !w.File("/sys/hub/reg/1568", spec.card ? "0x00000000\n" : "0x00200000\n") ||
+      !w.File("/sys/hub/reg/1568", options.card ? "0x00000000\n" : "0x00200000\n") ||
       !w.File("/sys/hub/reg/1572", "0x00000000\n") || !w.File("/sys/hub/led", "0\n") ||
       !w.Fifo("/sys/hub/events")) {
     return -1;
   }
 
   // the clock
-  if (spec.set_clock) {
-    const int64_t offset = spec.clock - static_cast<int64_t>(std::time(nullptr));
+  if (options.set_clock) {
+    const int64_t offset = options.clock - static_cast<int64_t>(std::time(nullptr));
     if (!w.File("/etc/clock_offset", std::to_string(offset) + "\n")) return -1;
   } else if (!w.Remove("/etc/clock_offset")) {
     return -1;
   }
 
-  if (!spec.shim.empty() && !InstallShims(w, base, spec.shim, error)) return -1;
+  if (!options.shim.empty() && !InstallShims(w, base, options.shim, error)) return -1;
   return 0;
 }
 

@@ -14,7 +14,7 @@ struct BoardCamera {
   std::string ip;   // empty: no ARP entry
 };
 
-struct BoardSpec {
+struct BoardOptions {
   std::string mac = "021A2B3C4D5E";               // hub MAC (eth0 and nvram p2p mac)
   std::string did = "1000000001";                 // nvram p2p did
   std::string key = "TarvoDeviceKey01";           // nvram p2p key
@@ -32,10 +32,13 @@ struct BoardSpec {
   bool force = false;  // write into a folder that is not empty
 };
 
-// Checks every value of the spec; false with a reason.
-bool ValidateBoardSpec(const BoardSpec& spec, std::string* error);
+// The name the first tests knew it by.
+using BoardSpec = BoardOptions;
+
+// Checks every value of the options; false with a reason.
+bool ValidateBoardOptions(const BoardOptions& options, std::string* error);
 
 // Creates the board root in dir. 0, or -1 with a reason.
-int MakeBoardRoot(const std::string& dir, const BoardSpec& spec, std::string* error);
+int MakeBoardRoot(const std::string& dir, const BoardOptions& options, std::string* error);
 
 }  // namespace platform

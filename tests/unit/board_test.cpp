@@ -29,7 +29,7 @@ class BoardTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), platform::BoardSpec{}, &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), platform::BoardOptions{}, &error), 0) << error;
     for (const auto& name : platform::ShimNames()) FakeShim(name);
     platform::SetRootForTest(dir_.path());
     tlog::SetCaptureSink([this](int, const std::string& text) { logged_.push_back(text); });
@@ -177,11 +177,11 @@ TEST_F(BoardTest, ClockIsTheMachinesPlusTheBoardsOffset) {
 
   // a board made to start before 2018
   testsupport::TempDir early;
-  platform::BoardSpec spec;
-  spec.set_clock = true;
-  spec.clock = 1400000000;
+  platform::BoardOptions options;
+  options.set_clock = true;
+  options.clock = 1400000000;
   std::string error;
-  ASSERT_EQ(platform::MakeBoardRoot(early.path(), spec, &error), 0) << error;
+  ASSERT_EQ(platform::MakeBoardRoot(early.path(), options, &error), 0) << error;
   platform::SetRootForTest(early.path());
   EXPECT_NEAR(static_cast<double>(platform::NowSeconds()), 1400000000.0, 5);
 }

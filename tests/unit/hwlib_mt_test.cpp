@@ -60,7 +60,7 @@ class HwlibTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), platform::BoardSpec{}, &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), platform::BoardOptions{}, &error), 0) << error;
     platform::SetRootForTest(dir_.path());
     g_received = &received_;
   }

@@ -14,9 +14,9 @@ using testsupport::ReadFile;
 
 class NvramTest : public ::testing::Test {
  protected:
-  void MakeBoard(const platform::BoardSpec& spec = {}) {
+  void MakeBoard(const platform::BoardOptions& options = {}) {
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), spec, &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), options, &error), 0) << error;
     platform::SetRootForTest(dir_.path());
   }
   void TearDown() override { platform::SetRootForTest(""); }
@@ -56,9 +56,9 @@ TEST_F(NvramTest, IdentityOfTheBoardReachesTheViewThroughTheCache) {
 }
 
 TEST_F(NvramTest, SetIsSeenAtOnceAndKeptOnlyAfterCommit) {
-  platform::BoardSpec spec;
-  spec.identity = false;
-  MakeBoard(spec);
+  platform::BoardOptions options;
+  options.identity = false;
+  MakeBoard(options);
   Reload();
   EXPECT_EQ(Get("p2p", "did"), "<absent>");
 

@@ -31,10 +31,10 @@ class ShimTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(FileExists(testsupport::BinPath("tarvo-shim")))
         << "build tarvo-shim first (ninja tarvo-shim)";
-    platform::BoardSpec spec;
-    spec.shim = testsupport::BinPath("tarvo-shim");
+    platform::BoardOptions options;
+    options.shim = testsupport::BinPath("tarvo-shim");
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), spec, &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), options, &error), 0) << error;
     platform::SetRootForTest(dir_.path());
     root_ = dir_.path();
   }

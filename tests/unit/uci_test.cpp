@@ -24,10 +24,10 @@ using testsupport::WriteFile;
 class UciTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    platform::BoardSpec spec;
-    spec.cameras = {{"0A1B2C3D4E5F", ""}, {"112233445566", ""}};
+    platform::BoardOptions options;
+    options.cameras = {{"0A1B2C3D4E5F", ""}, {"112233445566", ""}};
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), spec, &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), options, &error), 0) << error;
     platform::SetRootForTest(dir_.path());
   }
   void TearDown() override { platform::SetRootForTest(""); }
