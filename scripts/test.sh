@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # The whole test suite, as CI runs it:
 #   1. a normal build, every test (unit, integration, e2e);
-#   2. an AddressSanitizer + UndefinedBehaviorSanitizer build, unit and integration tests;
-#   3. a ThreadSanitizer build of the threaded tests (label "threaded");
-#   4. every libFuzzer target, built with clang, run for a bounded time.
-# Stages can be picked: scripts/test.sh normal asan tsan fuzz (default: all).
+#   2. an AddressSanitizer + UndefinedBehaviorSanitizer build with clang, unit and integration
+#      tests, and in the same build every libFuzzer target, each run for a bounded time;
+#   3. a ThreadSanitizer build of the threaded tests (label "threaded").
+# Stages can be picked: scripts/test.sh normal asan tsan (default: all).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 
 stages=("$@")
-[ ${#stages[@]} -eq 0 ] && stages=(normal asan tsan fuzz)
+[ ${#stages[@]} -eq 0 ] && stages=(normal asan tsan)
 jobs=$(nproc)
 fuzz_seconds=${TARVO_FUZZ_SECONDS:-20}
 ctest_args=(--output-on-failure --no-tests=error -j "$jobs" --timeout 300)
@@ -29,10 +29,22 @@ for stage in "${stages[@]}"; do
       ctest --test-dir build "${ctest_args[@]}"
       ;;
     asan)
-      configure build-asan -DTARVO_SANITIZE=address -DTARVO_BENCH=OFF
+      CC=clang CXX=clang++ configure build-asan -DTARVO_SANITIZE=address -DTARVO_FUZZ=ON
       ninja -C build-asan
       ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
         ctest --test-dir build-asan -L 'unit|integration' "${ctest_args[@]}"
+      for target in build-asan/fuzz/*_fuzz; do
+        [ -x "$target" ] || continue
+        name=$(basename "$target")
+        corpus=build-asan/corpus/$name
+        mkdir -p "$corpus"
+        seeds=()
+        [ -d "fuzz/seeds/$name" ] && seeds=("fuzz/seeds/$name")
+        echo "--- fuzzing $name for ${fuzz_seconds}s"
+        "$target" -max_total_time="$fuzz_seconds" -rss_limit_mb=2048 "$corpus" "${seeds[@]}" \
+          >"build-asan/$name.log" 2>&1 || { tail -n 40 "build-asan/$name.log"; exit 1; }
+        grep -E '^Done|stat::number_of_executed_units' "build-asan/$name.log" | tail -n 1 || true
+      done
       ;;
     tsan)
       configure build-tsan -DTARVO_SANITIZE=thread -DTARVO_BENCH=OFF
@@ -41,21 +53,6 @@ for stage in "${stages[@]}"; do
       ninja -C build-tsan tarvo-p2p tarvo-mkboard tarvo-shim "${targets[@]}"
       TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
         ctest --test-dir build-tsan -L threaded "${ctest_args[@]}"
-      ;;
-    fuzz)
-      if ! ls fuzz/*_fuzz.cpp >/dev/null 2>&1; then echo "no fuzz targets"; continue; fi
-      CC=clang CXX=clang++ configure build-fuzz -DTARVO_FUZZ=ON
-      ninja -C build-fuzz
-      for target in fuzz/*_fuzz.cpp; do
-        name=$(basename "$target" .cpp)
-        corpus=build-fuzz/corpus/$name
-        mkdir -p "$corpus"
-        seeds=()
-        [ -d "fuzz/seeds/$name" ] && seeds=("fuzz/seeds/$name")
-        echo "--- $name for ${fuzz_seconds}s"
-        "build-fuzz/$name" -max_total_time="$fuzz_seconds" -print_final_stats=1 \
-          -rss_limit_mb=2048 "$corpus" "${seeds[@]}" 2>&1 | tail -n 12
-      done
       ;;
     *) echo "unknown stage $stage"; exit 2 ;;
   esac
