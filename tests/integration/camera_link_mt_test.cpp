@@ -486,6 +486,7 @@ TEST(CameraLink, BadStreamInputCostsOnlyTheBytesHeld) {
 
 TEST(CameraLink, PairingRecordsTheCameraAndGivesItAChannel) {
   ASSERT_EQ(Channel(kCamN), nullptr);
+  ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
   const size_t mark = LogSize();
   ASSERT_EQ(StartAuthServer(g_world->server), 0);
   EXPECT_EQ(StartAuthServer(g_world->server), -1);  // one pairing server at a time
@@ -512,7 +513,7 @@ TEST(CameraLink, PairingRecordsTheCameraAndGivesItAChannel) {
   close(fd);
 
   EXPECT_TRUE(WaitLogged("It's a new camera sync to hub", mark));
-  EXPECT_NE(Channel(kCamN), nullptr);
+  EXPECT_TRUE(WaitFor([] { return Channel(kCamN) != nullptr; }));
   EXPECT_EQ(Config(std::string("p2p.") + kCamN + ".version"), "200");
   EXPECT_EQ(Config(std::string("p2p.") + kCamN + ".hardver"), "123");
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
@@ -528,6 +529,7 @@ TEST(CameraLink, RePairingReplacesTheChannel) {
   Cam cam(kCamB, "127.0.0.3");
   ASSERT_TRUE(ConnectAndLogin(cam, kCamB, 0x140));
   const auto old = Channel(kCamB);
+  ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
   const size_t mark = LogSize();
   ASSERT_EQ(StartAuthServer(g_world->server), 0);
   const int fd = cam.PairingConnection();
@@ -538,9 +540,8 @@ TEST(CameraLink, RePairingReplacesTheChannel) {
   close(fd);
   EXPECT_TRUE(WaitLogged("It's exist in live channels, delete old and insert new", mark));
   EXPECT_TRUE(cam.Ends());  // the old channel's connection is closed
+  ASSERT_TRUE(WaitFor([&] { return Channel(kCamB) != nullptr && Channel(kCamB) != old; }));
   const auto fresh = Channel(kCamB);
-  ASSERT_NE(fresh, nullptr);
-  EXPECT_NE(fresh, old);
   EXPECT_FALSE(fresh->IsConnected());
   EXPECT_EQ(fresh->camera().GetStatus().soft_ver, 200);  // as recorded by the pairing
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
@@ -549,6 +550,7 @@ TEST(CameraLink, RePairingReplacesTheChannel) {
 }
 
 TEST(CameraLink, BadPairingRequestsGetNoAnswerAndEndPairing) {
+  ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
   const auto macs = g_world->server->LiveChannelMacs();
   const size_t mark = LogSize();
   ASSERT_EQ(StartAuthServer(g_world->server), 0);
