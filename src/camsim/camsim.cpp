@@ -601,6 +601,11 @@ void Camera::Impl::Dropped(const std::string& why, bool by_hub) {
 int Camera::Impl::DoConnect(std::string* error) {
   auto fail = [&](const std::string& text) {
     if (error != nullptr) *error = text;
+    // A camera that reconnects keeps trying until the hub listens.
+    if (behaviour_.reconnect.count() > 0 && !connected_) {
+      want_connected_ = true;
+      reconnect_at_ = Clock::now() + behaviour_.reconnect;
+    }
     return -1;
   };
   struct sockaddr_in local, remote;
