@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "core/configuration.h"
@@ -22,6 +23,12 @@ namespace {
 
 const std::string kDeviceKey = "FuzzDeviceKey001";
 const std::string kToken = "fuzz-device-token";
+std::string g_dir;
+
+void RemoveBoard() {
+  std::error_code ignored;
+  std::filesystem::remove_all(g_dir, ignored);
+}
 
 std::string Hex(const unsigned char* bytes, size_t n) {
   char hex[2 * kLoginKeyBytes + 1];
@@ -58,6 +65,8 @@ void Check(bool condition) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char dir[] = "/tmp/tarvo-login-fuzz-XXXXXX";
   if (mkdtemp(dir) == nullptr) std::abort();
+  g_dir = dir;
+  std::atexit(RemoveBoard);
   const std::string root = std::string(dir) + "/root";
   std::string error;
   if (platform::MakeBoardRoot(root, platform::BoardSpec(), &error) != 0) std::abort();
