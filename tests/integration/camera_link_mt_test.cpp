@@ -84,13 +84,13 @@ class WorldEnvironment : public ::testing::Environment {
   void SetUp() override {
     g_world = new World();
     World& w = *g_world;
-    platform::BoardSpec spec;
-    spec.mac = kHubMac;
-    spec.cameras = {{kCamA, "127.0.0.2"}, {kCamB, "127.0.0.3"}};
-    spec.shim = testsupport::BinPath("tarvo-shim");
-    spec.force = true;
+    platform::BoardSpec layout;
+    layout.mac = kHubMac;
+    layout.cameras = {{kCamA, "127.0.0.2"}, {kCamB, "127.0.0.3"}};
+    layout.shim = testsupport::BinPath("tarvo-shim");
+    layout.force = true;
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(w.board.path(), spec, &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(w.board.path(), layout, &error), 0) << error;
     AddArp(w.board.path(), "127.0.0.4", kCamN);
     AddArp(w.board.path(), "127.0.0.5", kCamBad);
     AddArp(w.board.path(), "127.0.0.9", kCamU);
@@ -579,11 +579,11 @@ TEST(CameraLink, DaemonEntersPairingModeWithTheTestHook) {
   testsupport::TempDir dir;
   const std::string root = dir.path() + "/root";
   // Made in-process: the running event loop of this test reaps child processes.
-  platform::BoardSpec spec;
-  spec.cameras = {{kCamA, "127.0.0.2"}};
-  spec.shim = testsupport::BinPath("tarvo-shim");
+  platform::BoardSpec layout;
+  layout.cameras = {{kCamA, "127.0.0.2"}};
+  layout.shim = testsupport::BinPath("tarvo-shim");
   std::string error;
-  ASSERT_EQ(platform::MakeBoardRoot(root, spec, &error), 0) << error;
+  ASSERT_EQ(platform::MakeBoardRoot(root, layout, &error), 0) << error;
   auto env = testsupport::BoardEnv(root);
   const uint16_t camera_port = testsupport::FreePort();
   const uint16_t pairing_port = testsupport::FreePort();

@@ -42,12 +42,12 @@ class BoardEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
     g_board = new testsupport::TempDir();
-    platform::BoardSpec spec;
-    spec.mac = kHub;
-    spec.cameras.push_back({kCam, ""});  // no ARP entry: UDP wakes end at once
-    spec.force = true;
+    platform::BoardSpec layout;
+    layout.mac = kHub;
+    layout.cameras.push_back({kCam, ""});  // no ARP entry: UDP wakes end at once
+    layout.force = true;
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(g_board->path(), spec, &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(g_board->path(), layout, &error), 0) << error;
     setenv("TARVO_ROOT", g_board->path().c_str(), 1);
   }
 };

@@ -33,12 +33,12 @@ class LoopEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
     g_board = new testsupport::TempDir();
-    platform::BoardSpec spec;
-    spec.mac = kHub;
-    spec.cameras.push_back({kCam, ""});
-    spec.force = true;
+    platform::BoardSpec layout;
+    layout.mac = kHub;
+    layout.cameras.push_back({kCam, ""});
+    layout.force = true;
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(g_board->path(), spec, &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(g_board->path(), layout, &error), 0) << error;
     setenv("TARVO_ROOT", g_board->path().c_str(), 1);
     eventloop::Loop();
     g_loop = new std::thread([] { eventloop::Run(); });
