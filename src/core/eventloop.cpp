@@ -2,6 +2,7 @@
 
 #include <ev++.h>
 
+#include <csignal>
 #include <deque>
 #include <mutex>
 
@@ -41,6 +42,10 @@ struct ev_loop* Loop() {
   static struct ev_loop* loop = [] {
     struct ev_loop* l = ev_default_loop(0);
     if (l == nullptr) throw ev::bad_loop();
+    // The default loop reaps every child on SIGCHLD for its child watchers. The hub has none:
+    // each shell command is waited for by the thread that started it, which would otherwise
+    // lose the exit status to the loop thread. Daemonising later ignores SIGCHLD as before.
+    std::signal(SIGCHLD, SIG_DFL);
     Poster& p = ThePoster();
     ev_async_init(&p.async, OnAsync);
     ev_async_start(l, &p.async);
