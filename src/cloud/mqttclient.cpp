@@ -89,9 +89,21 @@ const char* ErrorName(int rc) {
   }
 }
 
+// The text as logged: the value of "p2p_checktoken" (the device token in hexadecimal) is hidden.
+std::string Loggable(const char* text) {
+  static constexpr char kCheckToken[] = "\"p2p_checktoken\":\"";
+  std::string logged(text);
+  size_t at = logged.find(kCheckToken);
+  if (at == std::string::npos) return logged;
+  at += sizeof(kCheckToken) - 1;
+  const size_t end = logged.find('"', at);
+  logged.replace(at, (end == std::string::npos ? logged.size() : end) - at, "(device token)");
+  return logged;
+}
+
 int Publish(const PublishTexts& texts, const char* text) {
   if (text == nullptr) return 0;
-  if (texts.before != nullptr) TLOG(LOG_DEBUG) << texts.before << text;
+  if (texts.before != nullptr) TLOG(LOG_DEBUG) << texts.before << Loggable(text);
   int rc = MOSQ_ERR_NO_CONN;
   {
     std::lock_guard<std::mutex> lock(g_client_mutex);
@@ -103,13 +115,13 @@ int Publish(const PublishTexts& texts, const char* text) {
     }
   }
   if (rc == MOSQ_ERR_SUCCESS) {
-    TLOG(LOG_DEBUG) << texts.ok << rc << ", message: " << text;
+    TLOG(LOG_DEBUG) << texts.ok << rc << ", message: " << Loggable(text);
     return 1;
   }
   if (const char* name = ErrorName(rc)) {
     TLOG(LOG_DEBUG) << texts.error << name;
   } else if (texts.other_with_text) {
-    TLOG(LOG_DEBUG) << texts.other << text;
+    TLOG(LOG_DEBUG) << texts.other << Loggable(text);
   } else {
     TLOG(LOG_DEBUG) << texts.other << rc;
   }
