@@ -447,7 +447,7 @@ TEST(CamsimConsole, CommandsAreCheckedBeforeAnyCameraActs) {
 
 TEST(CamsimArp, LinesAreReplacedAndTheHubFindsThem) {
   testsupport::TempDir dir;
-  platform::BoardSpec spec;
+  platform::BoardOptions spec;
   spec.cameras.push_back({"0A0000000001", "10.17.1.2"});
   spec.force = true;
   std::string error;
