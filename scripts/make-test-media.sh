@@ -28,7 +28,7 @@ if [ -s "$video" ] && [ -s "$audio" ]; then
   exit 0
 fi
 
-tmp=$(mktemp -d "$dir/.media.XXXXXX")
+tmp=$(mktemp -d -p "$dir")  # removed at exit
 trap 'rm -rf "$tmp"' EXIT
 
 ffmpeg -hide_banner -loglevel error -nostdin -y \

@@ -132,7 +132,7 @@ int main(int argc, char** argv) {
   const char* root = std::getenv("TARVO_ROOT");
   std::string board = root != nullptr ? root : "";
   std::string video, audio;
-  std::vector<std::string> specs;
+  std::vector<std::string> cameras;
   bool pair = false, connect = true, stay = false, quiet = false;
 
   std::vector<std::string> args(argv + 1, argv + argc);
@@ -160,7 +160,7 @@ int main(int argc, char** argv) {
       return 0;
     } else if (opt == "--camera") {
       if (!take()) return Usage("--camera needs MAC,IP");
-      specs.push_back(value);
+      cameras.push_back(value);
     } else if (opt == "--video" || opt == "--audio" || opt == "--board" || opt == "--hub-ip") {
       if (!take()) return Usage(opt + " needs a value");
       (opt == "--video"   ? video
@@ -204,7 +204,7 @@ int main(int argc, char** argv) {
       return Usage("unknown option " + opt);
     }
   }
-  if (specs.empty()) return Usage("no camera (--camera MAC,IP)");
+  if (cameras.empty()) return Usage("no camera (--camera MAC,IP)");
   if (behaviour.heartbeat.count() == 0) behaviour.heartbeat = std::chrono::seconds(1);
 
   camsim::Simulator sim(hub, behaviour, board);
@@ -217,12 +217,12 @@ int main(int argc, char** argv) {
       Print(stamp + mac + " " + text);
     });
   }
-  for (const std::string& spec : specs) {
+  for (const std::string& text : cameras) {
     camsim::CameraConfig config;
     config.video_file = video;
     config.audio_file = audio;
     std::string error;
-    if (camsim::ParseCameraSpec(spec, &config, &error) < 0) return Usage(error);
+    if (camsim::ParseCameraDescription(text, &config, &error) < 0) return Usage(error);
     if (sim.Add(config, &error) < 0) return Usage(error);
   }
   std::string error;

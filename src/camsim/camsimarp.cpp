@@ -95,7 +95,8 @@ int Rewrite(const std::string& board, Keep keep, const std::string& extra, std::
   }
   text += extra;
 
-  std::string tmp = dir + "/.arp.XXXXXX";
+  // mkstemp's template: six X that it replaces
+  std::string tmp = dir + "/.arp." + std::string(6, 'X');
   std::vector<char> name(tmp.begin(), tmp.end());
   name.push_back('\0');
   const int fd = mkstemp(name.data());

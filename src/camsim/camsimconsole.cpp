@@ -42,7 +42,7 @@ std::vector<std::string> Words(const std::string& line) {
 
 }  // namespace
 
-int ParseCameraSpec(const std::string& text, CameraConfig* config, std::string* error) {
+int ParseCameraDescription(const std::string& text, CameraConfig* config, std::string* error) {
   auto fail = [&](const std::string& why) {
     if (error != nullptr) *error = "camera \"" + text + "\": " + why;
     return -1;

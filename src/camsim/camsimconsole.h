@@ -15,7 +15,7 @@ namespace camsim {
 // fw (decimal versions), vbat (mV), rssi (dBm), battery (status 0..2), pir, power, night,
 // interval (PIR re-trigger seconds), video and audio (files), ssid and key (expected pairing
 // credentials). 0, or -1 with *error set.
-int ParseCameraSpec(const std::string& text, CameraConfig* config, std::string* error);
+int ParseCameraDescription(const std::string& text, CameraConfig* config, std::string* error);
 
 class Simulator {
  public:

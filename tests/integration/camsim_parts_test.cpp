@@ -377,10 +377,11 @@ TEST(CamsimMedia, AudioKeepsPaceWithTheVideo) {
 TEST(CamsimConsole, CameraDescriptions) {
   camsim::CameraConfig c;
   std::string error;
-  ASSERT_EQ(0, camsim::ParseCameraSpec("0a:00:00:00:00:71,127.0.0.71,hw=101,fw=203,vbat=3650,"
-                                       "rssi=-70,battery=1,pir=0,power=1,night=2,interval=30,"
-                                       "video=/v.h264,audio=/a.alaw,ssid=net,key=k",
-                                       &c, &error))
+  ASSERT_EQ(0,
+            camsim::ParseCameraDescription("0a:00:00:00:00:71,127.0.0.71,hw=101,fw=203,vbat=3650,"
+                                           "rssi=-70,battery=1,pir=0,power=1,night=2,interval=30,"
+                                           "video=/v.h264,audio=/a.alaw,ssid=net,key=k",
+                                           &c, &error))
       << error;
   EXPECT_EQ("0A0000000071", c.mac);
   EXPECT_EQ("127.0.0.71", c.ip);
@@ -401,7 +402,7 @@ TEST(CamsimConsole, CameraDescriptions) {
                           "0A0000000071,127.0.0.2,rssi=-129", "0A0000000071,127.0.0.2,battery=3",
                           "0A0000000071,127.0.0.2,colour=red", "0A0000000071,127.0.0.2,vbat=12x"}) {
     camsim::CameraConfig kept = c;
-    EXPECT_EQ(-1, camsim::ParseCameraSpec(bad, &kept, &error)) << bad;
+    EXPECT_EQ(-1, camsim::ParseCameraDescription(bad, &kept, &error)) << bad;
     EXPECT_EQ(203, kept.soft_ver) << bad;  // a refused description changes nothing
   }
 }
@@ -414,7 +415,7 @@ TEST(CamsimConsole, CommandsAreCheckedBeforeAnyCameraActs) {
   camsim::Simulator sim(hub, camsim::Behaviour(), "");
   camsim::CameraConfig c;
   std::string error;
-  ASSERT_EQ(0, camsim::ParseCameraSpec("0A0000000072,127.0.0.72", &c, &error));
+  ASSERT_EQ(0, camsim::ParseCameraDescription("0A0000000072,127.0.0.72", &c, &error));
   ASSERT_EQ(0, sim.Add(c, &error)) << error;
   EXPECT_EQ(-1, sim.Add(c, &error));
   camsim::CameraConfig same_ip = c;
@@ -447,11 +448,11 @@ TEST(CamsimConsole, CommandsAreCheckedBeforeAnyCameraActs) {
 
 TEST(CamsimArp, LinesAreReplacedAndTheHubFindsThem) {
   testsupport::TempDir dir;
-  platform::BoardOptions spec;
-  spec.cameras.push_back({"0A0000000001", "10.17.1.2"});
-  spec.force = true;
+  platform::BoardOptions options;
+  options.cameras.push_back({"0A0000000001", "10.17.1.2"});
+  options.force = true;
   std::string error;
-  ASSERT_EQ(0, platform::MakeBoardRoot(dir.path(), spec, &error)) << error;
+  ASSERT_EQ(0, platform::MakeBoardRoot(dir.path(), options, &error)) << error;
   platform::SetRootForTest(dir.path());
   const std::string table = dir.path() + "/proc/net/arp";
   const std::string before = testsupport::ReadFile(table);
