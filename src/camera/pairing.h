@@ -1,8 +1,8 @@
 // Pairing mode: a short-lived server on the pairing port that accepts one new camera, records
 // it, hands it the camera network's credentials and gives it a live channel.
 //
-// Pairing mode turns on with StartAuthServer (the cloud's pairing command; TARVO_TEST_PAIRING=1
-// for the daemon's tests) and off after one camera, after ten bad receives on a connection,
+// Pairing mode turns on with StartAuthServer (the cloud's pairing command "let_connect_gateway")
+// and off after one camera, after ten bad receives on a connection,
 // after twelve accept time-outs of five seconds, or when StopTcpServer is called. The camera
 // network interface "ra1" is up only while pairing mode is on.
 #pragma once

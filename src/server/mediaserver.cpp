@@ -11,7 +11,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -138,11 +137,6 @@ int MediaServer::Init() {
     InsertInLiveChannels(mac, std::make_shared<channel::LiveChannel>(mac));
   }
   if (RunTcpServer() < 0) return -1;
-  const char* hook = std::getenv("TARVO_TEST_PAIRING");
-  if (hook != nullptr && std::strcmp(hook, "1") == 0) {
-    TLOG(LOG_DEBUG) << "TARVO_TEST_PAIRING=1: test hook enters pairing mode";
-    StartAuthServer(this);
-  }
   return 0;
 }
 

@@ -37,9 +37,7 @@ class MediaServer {
   MediaServer& operator=(const MediaServer&) = delete;
 
   // Creates the four viewer session slots, builds one live channel per camera section of uci
-  // package "p2p" and starts the camera listener. With TARVO_TEST_PAIRING=1 in the environment it
-  // also enters pairing mode: a test hook that goes once the cloud's pairing command reaches the
-  // hub. 0 or -1.
+  // package "p2p" and starts the camera listener. 0 or -1.
   int Init();
   // Brings the P2P libraries up (at most four sessions, twelve AV channels) and starts the
   // login and listen threads; returns at once. 0, or -1 when a library does not start (the

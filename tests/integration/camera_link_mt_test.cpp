@@ -84,7 +84,7 @@ class WorldEnvironment : public ::testing::Environment {
   void SetUp() override {
     g_world = new World();
     World& w = *g_world;
-    platform::BoardSpec layout;
+    platform::BoardOptions layout;
     layout.mac = kHubMac;
     layout.cameras = {{kCamA, "127.0.0.2"}, {kCamB, "127.0.0.3"}};
     layout.shim = testsupport::BinPath("tarvo-shim");
@@ -573,49 +573,6 @@ TEST(CameraLink, BadPairingRequestsGetNoAnswerAndEndPairing) {
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
   EXPECT_EQ(g_world->server->LiveChannelMacs(), macs);
   EXPECT_EQ(Config(std::string("p2p.") + kCamBad + ".version"), "");
-}
-
-TEST(CameraLink, DaemonEntersPairingModeWithTheTestHook) {
-  testsupport::TempDir dir;
-  const std::string root = dir.path() + "/root";
-  // Made in-process: the running event loop of this test reaps child processes.
-  platform::BoardSpec layout;
-  layout.cameras = {{kCamA, "127.0.0.2"}};
-  layout.shim = testsupport::BinPath("tarvo-shim");
-  std::string error;
-  ASSERT_EQ(platform::MakeBoardRoot(root, layout, &error), 0) << error;
-  auto env = testsupport::BoardEnv(root);
-  const uint16_t camera_port = testsupport::FreePort();
-  const uint16_t pairing_port = testsupport::FreePort();
-  env["TARVO_MQTT_PORT"] = std::to_string(testsupport::FreePort());
-  env["TARVO_P2P_PORT"] = std::to_string(testsupport::FreePort());
-  env["TARVO_HUB_IP"] = "127.0.0.1";
-  env["TARVO_CAMERA_PORT"] = std::to_string(camera_port);
-  env["TARVO_PAIRING_PORT"] = std::to_string(pairing_port);
-  env["TARVO_TEST_PAIRING"] = "1";
-  testsupport::Process hub({testsupport::BinPath("tarvo-p2p")}, env);
-  ASSERT_NE(hub.WaitForLine("start auth tcp server, ifconfig ra1 up ok!", seconds(20)), "")
-      << ::testing::PrintToString(hub.Lines());
-
-  // Pairing, connection and login against the daemon's own ports.
-  const uint8_t* addr = nullptr;
-  Cam cam(kCamA, "127.0.0.2");
-  addr = cam.addr();
-  int fd = -1;
-  ASSERT_TRUE(WaitFor([&] { return (fd = cam.Dial(pairing_port)) >= 0; }));
-  const Bytes request = cam.PairingRequest(3);
-  ASSERT_EQ(send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
-  Bytes rx;
-  EXPECT_EQ(Cam::ReadFrom(fd, &rx, seconds(10)).size(), 99u);
-  close(fd);
-  ASSERT_NE(hub.WaitForLine("Recv succeed!"), "");
-  int tcp = -1;
-  ASSERT_TRUE(WaitFor([&] { return (tcp = cam.Dial(camera_port)) >= 0; }));
-  ASSERT_NE(hub.WaitForLine("init connect sockfd: "), "");
-  const Bytes login = MakeFrame(addr, kZero, 0xF1, 0, {0x23, 0x01, 0, 0, 0x05, 0x02, 0, 0});
-  ASSERT_EQ(send(tcp, login.data(), login.size(), 0), static_cast<ssize_t>(login.size()));
-  EXPECT_NE(hub.WaitForLine("Recv camera login 1\\.\\.\\."), "");
-  close(tcp);
 }
 
 }  // namespace
