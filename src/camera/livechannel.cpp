@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -23,6 +24,7 @@
 #include "platform/board.h"
 #include "platform/hwlib.h"
 #include "platform/uci.h"
+#include "server/client.h"
 
 namespace channel {
 namespace {
@@ -488,6 +490,69 @@ int LiveChannel::CheckCameraIp(camera::Camera& camera) {
   }
   std::fclose(arp);
   return found;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Viewers
+
+void LiveChannel::RegisteVideoForLiveClient(client::Client* client) {
+  client->SetVideoRegistered(1);
+  AddLiveClient(client);
+}
+
+void LiveChannel::RegisteAudioForLiveClient(client::Client* client) {
+  client->SetAudioRegistered(1);
+  AddLiveClient(client);
+}
+
+void LiveChannel::UnRegisteVideoForLiveClient(client::Client* client) {
+  client->SetVideoRegistered(0);
+  client->SetAudioRegistered(0);
+  TryRemoveLiveClient(client);
+}
+
+void LiveChannel::UnRegisteAudioForLiveClient(client::Client* client) {
+  // Only the video flag is cleared: a viewer whose audio flag stays set stays in the list and
+  // gets neither video nor audio.
+  client->SetVideoRegistered(0);
+  TryRemoveLiveClient(client);
+}
+
+void LiveChannel::AddLiveClient(client::Client* client) {
+  std::lock_guard<std::mutex> lock(live_clients_mutex());
+  const std::shared_ptr<const ClientList> now = LiveClients();
+  if (std::find(now->begin(), now->end(), client) != now->end()) return;
+  auto next = std::make_shared<ClientList>();
+  next->reserve(now->size() + 1);
+  *next = *now;
+  next->push_back(client);
+  PublishLiveClients(std::move(next));
+  TLOG(LOG_DEBUG) << "Add live client slot " << client->slot() << " to camera " << mac()
+                  << ", viewers: " << now->size() + 1;
+}
+
+bool LiveChannel::IsClientExist(client::Client* client) const {
+  const std::shared_ptr<const ClientList> now = LiveClients();
+  return std::find(now->begin(), now->end(), client) != now->end();
+}
+
+void LiveChannel::TryRemoveLiveClient(client::Client* client) {
+  bool emptied = false;
+  {
+    std::lock_guard<std::mutex> lock(live_clients_mutex());
+    const std::shared_ptr<const ClientList> now = LiveClients();
+    if (now->empty() || client->audioRegistered() != 0 || client->videoRegistered() != 0) return;
+    auto next = std::make_shared<ClientList>();
+    for (client::Client* c : *now) {
+      if (c != client) next->push_back(c);
+    }
+    if (next->size() == now->size()) return;
+    emptied = next->empty();
+    PublishLiveClients(std::move(next));
+    TLOG(LOG_DEBUG) << "Remove live client slot " << client->slot() << " from camera " << mac();
+  }
+  // The command is sent outside the list lock: sending may pause and wake the camera.
+  if (emptied) StopAVStream();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -102,6 +102,19 @@ class LiveChannel : public Channel {
   int CheckCameraIp();
   static int CheckCameraIp(camera::Camera& camera);
 
+  // --- Viewers (any thread) ---
+  void RegisteVideoForLiveClient(client::Client* client) override;
+  void RegisteAudioForLiveClient(client::Client* client) override;
+  void UnRegisteVideoForLiveClient(client::Client* client) override;
+  void UnRegisteAudioForLiveClient(client::Client* client) override;
+  // Appends the viewer to the list unless it is there.
+  void AddLiveClient(client::Client* client);
+  // Whether the viewer is in the list (a snapshot; takes no lock).
+  bool IsClientExist(client::Client* client) const;
+  // Removes the viewer when neither of its flags is set; when that empties the list the camera
+  // is told to stop streaming (once). An absent viewer changes nothing.
+  void TryRemoveLiveClient(client::Client* client);
+
   // --- Commands the hub sends ---
   int ActionSleep();
   int StartAVStream();
@@ -140,8 +153,6 @@ class LiveChannel : public Channel {
   int WakeReplacements() const { return wake_replacements_.load(); }
   // 1 from a start or stop request until the camera acknowledges it.
   int StreamWait() const { return stream_wait_.load(); }
-  uint16_t VideoWidth() const { return video_width_.load(); }
-  uint16_t VideoHeight() const { return video_height_.load(); }
   // Number of UDP wake threads running in the process.
   static int ActiveUdpWakes();
 
@@ -181,8 +192,6 @@ class LiveChannel : public Channel {
   std::atomic<int> send_failures_{0};
   std::atomic<int> wake_replacements_{0};
   std::atomic<int> stream_wait_{0};
-  std::atomic<uint16_t> video_width_{1920};
-  std::atomic<uint16_t> video_height_{1080};
   // Values asked for and not yet acknowledged.
   std::atomic<int> pending_pir_{0};
   std::atomic<int> pending_night_{0};
