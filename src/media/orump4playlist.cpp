@@ -12,3 +12,8 @@ int playlist_stop_play(int sid) {
   TLOG(LOG_DEBUG) << "No playlist to stop for session " << sid;
   return 0;
 }
+
+int playlist_start_play(int sid) {
+  TLOG(LOG_DEBUG) << "No recording playlist to send to session " << sid;
+  return -1;
+}

@@ -49,10 +49,6 @@ constexpr auto kUidPoll = std::chrono::seconds(1);
 constexpr auto kLoginRetry = std::chrono::seconds(5);
 constexpr auto kOverLimitPause = std::chrono::seconds(1);
 
-// Viewer I/O-control types handled here; the others go to the viewer command handlers.
-constexpr int kIoTypeAudioStart = 0x300;
-constexpr int kIoTypeAudioStop = 0x301;
-
 static_assert(kMaxSessions == static_cast<unsigned>(kClientKeySlots), "a stream key a slot");
 
 // The login check of each session slot.
@@ -332,20 +328,6 @@ int MediaServer::CloseSession(int sid, int avIndex) {
     client->ClearAvIndex(avIndex);
   }
   return IOTC_Session_Close(sid);
-}
-
-void MediaServer::Handle_IOCTRL_Cmd(int sid, int /*avIndex*/, char* /*payload*/, int type) {
-  if (GetClient(sid) == nullptr) return;
-  switch (type) {
-    case kIoTypeAudioStart:
-      TLOG(LOG_DEBUG) << "This is audio start.......";
-      break;
-    case kIoTypeAudioStop:
-      TLOG(LOG_DEBUG) << "This is audio stop.......";
-      break;
-    default:
-      break;
-  }
 }
 
 int MediaServer::RunTcpServer() {

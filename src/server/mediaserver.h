@@ -65,8 +65,8 @@ class MediaServer {
   static int CloseSession(int sid, int avIndex);
 
   // One I/O-control message of the viewer of session sid (payload zero-filled after the
-  // message, so texts are NUL-terminated). Runs on that session's thread. Audio start and stop
-  // only log; other types are left to the viewer command handlers.
+  // message, so texts are NUL-terminated), dispatched by type to the handlers of ioctrl.h. Runs
+  // on that session's thread.
   void Handle_IOCTRL_Cmd(int sid, int avIndex, char* payload, int type);
 
   // The media server that ran Init last (the daemon has one), or nullptr.
