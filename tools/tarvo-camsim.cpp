@@ -15,6 +15,7 @@
 
 #include "camsim/camsim.h"
 #include "camsim/camsimconsole.h"
+#include "camsim/camsimwire.h"
 
 namespace {
 
@@ -35,12 +36,16 @@ const char kUsage[] =
     "                       Keys: hw=N fw=N (decimal versions, default 100), vbat=MV (3900),\n"
     "                       rssi=DBM (-50), battery=0|1|2 (discharging, charging, full),\n"
     "                       pir=N (1), power=N (1), night=N (0), interval=SECONDS (60),\n"
-    "                       video=FILE, audio=FILE, ssid=SSID and key=KEY (the credentials\n"
-    "                       pairing must give; default: any)\n"
+    "                       video=FILE, audio=FILE, talk=FILE (where talk-back audio goes),\n"
+    "                       ssid=SSID and key=KEY (the credentials pairing must give;\n"
+    "                       default: any)\n"
     "  --video FILE         H.264 Annex B file for cameras without video= (default: generated\n"
     "                       frames, a key frame every 15)\n"
     "  --audio FILE         raw 8 kHz G.711 A-law file for cameras without audio= (default:\n"
     "                       silence); scripts/make-test-media.sh makes both\n"
+    "  --talk DIR           cameras without talk= write the talk-back audio they receive to\n"
+    "                       DIR/MAC.alaw (raw A-law, the frames' payloads one after the\n"
+    "                       other; made empty at start; default: not kept)\n"
     "  --board DIR          board root: each camera's line goes into DIR/proc/net/arp\n"
     "                       (default TARVO_ROOT; --board '' writes nothing)\n"
     "\n"
@@ -131,7 +136,7 @@ int main(int argc, char** argv) {
   behaviour.reconnect = std::chrono::seconds(5);
   const char* root = std::getenv("TARVO_ROOT");
   std::string board = root != nullptr ? root : "";
-  std::string video, audio;
+  std::string video, audio, talk_dir;
   std::vector<std::string> cameras;
   bool pair = false, connect = true, stay = false, quiet = false;
 
@@ -161,6 +166,9 @@ int main(int argc, char** argv) {
     } else if (opt == "--camera") {
       if (!take()) return Usage("--camera needs MAC,IP");
       cameras.push_back(value);
+    } else if (opt == "--talk") {
+      if (!take() || value.empty()) return Usage("--talk needs a folder");
+      talk_dir = value;
     } else if (opt == "--video" || opt == "--audio" || opt == "--board" || opt == "--hub-ip") {
       if (!take()) return Usage(opt + " needs a value");
       (opt == "--video"   ? video
@@ -223,6 +231,12 @@ int main(int argc, char** argv) {
     config.audio_file = audio;
     std::string error;
     if (camsim::ParseCameraDescription(text, &config, &error) < 0) return Usage(error);
+    if (config.talk_file.empty() && !talk_dir.empty()) {
+      std::string digits;
+      if (camsim::NormalizeMac(config.mac, &digits)) {
+        config.talk_file = talk_dir + "/" + digits + ".alaw";
+      }
+    }
     if (sim.Add(config, &error) < 0) return Usage(error);
   }
   std::string error;

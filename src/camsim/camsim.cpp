@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -164,6 +165,8 @@ class Camera::Impl {
   void WakeUp(WakeReason reason);
   void StartStreaming(bool pir);
   void StopStreaming(const std::string& why);
+  // Appends a talk-back frame's audio to the talk-back file, when kept.
+  void WriteTalk(const _net_cmd_type* frame);
   void SendTick();
 
   Origin Next();
@@ -221,6 +224,7 @@ class Camera::Impl {
   std::vector<int> old_fds_;  // replaced connections, until the hub closes them
   std::unique_ptr<command::FrameCutter> rx_;
   std::unique_ptr<uint8_t[]> out_;
+  std::FILE* talk_out_ = nullptr;  // the talk-back file, when kept
   bool connected_ = false;
   bool want_connected_ = false;
   bool awake_ = false;
@@ -282,12 +286,24 @@ int Camera::Impl::Start(std::string* error) {
                                       : AudioClip::Load(config_.audio_file, &media_error);
   if (audio_ == nullptr) return fail(media_error);
 
+  if (!config_.talk_file.empty()) {
+    talk_out_ = std::fopen(config_.talk_file.c_str(), "wbe");
+    if (talk_out_ == nullptr) {
+      return fail("cannot write the talk-back file " + config_.talk_file + ": " +
+                  std::strerror(errno));
+    }
+  }
+  auto close_talk = [this] {
+    if (talk_out_ != nullptr) std::fclose(talk_out_);
+    talk_out_ = nullptr;
+  };
   udp_fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (udp_fd_ < 0 ||
       bind(udp_fd_, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) != 0) {
     const std::string why = std::strerror(errno);
     if (udp_fd_ >= 0) close(udp_fd_);
     udp_fd_ = -1;
+    close_talk();
     return fail("cannot bind the wake port " + config_.ip + ":" + std::to_string(hub_.wake_port) +
                 ": " + why);
   }
@@ -295,6 +311,7 @@ int Camera::Impl::Start(std::string* error) {
   if (event_fd_ < 0) {
     close(udp_fd_);
     udp_fd_ = -1;
+    close_talk();
     return fail("eventfd failed");
   }
   rx_.reset(new command::FrameCutter(kRxCapacity));
@@ -334,6 +351,8 @@ void Camera::Impl::Stop() {
   close(udp_fd_);
   event_fd_ = -1;
   udp_fd_ = -1;
+  if (talk_out_ != nullptr) std::fclose(talk_out_);
+  talk_out_ = nullptr;
 }
 
 int Camera::Impl::Call(const std::function<int()>& fn) {
@@ -761,7 +780,10 @@ void Camera::Impl::HandleFrame(const _net_cmd_type* frame) {
     s.frames++;
     s.counts[static_cast<uint16_t>(frame->type << 8 | frame->subtype)]++;
     if (wake) s.wake_frames++;
-    if (talk) s.talk_bytes += static_cast<int>(frame->Length());
+    if (talk) {
+      s.talk_bytes += static_cast<int>(frame->Length());
+      s.talk_frames++;
+    }
     if (r.asleep && !wake) s.commands_asleep++;
     if (s.received.size() >= Stats::kKeptFrames) s.received.erase(s.received.begin());
     s.received.push_back(std::move(r));
@@ -775,10 +797,22 @@ void Camera::Impl::HandleFrame(const _net_cmd_type* frame) {
     WakeUp(WakeReason::kTcp);
     return;
   }
-  if (talk) return;
+  if (talk) {
+    WriteTalk(frame);
+    return;
+  }
   if (!awake_) WakeUp(WakeReason::kCommand);
   last_activity_ = Clock::now();
   Execute(frame);
+}
+
+void Camera::Impl::WriteTalk(const _net_cmd_type* frame) {
+  if (talk_out_ == nullptr || frame->Length() == 0) return;
+  // Flushed at once, so a reader of the file sees every frame received so far.
+  if (std::fwrite(frame->Payload(), 1, frame->Length(), talk_out_) != frame->Length() ||
+      std::fflush(talk_out_) != 0) {
+    Log("writing the talk-back file failed: " + std::string(std::strerror(errno)));
+  }
 }
 
 void Camera::Impl::Execute(const _net_cmd_type* frame) {

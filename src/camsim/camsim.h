@@ -55,6 +55,9 @@ struct CameraConfig {
   int pir_interval = 60;   // seconds
   std::string video_file;  // H.264 Annex B; empty: generated frames
   std::string audio_file;  // 8 kHz A-law, raw; empty: silence
+  // Talk-back audio from the hub is written here, the payloads one after the other as they
+  // arrive (made empty at Start); empty: not kept.
+  std::string talk_file;
   // Credentials the pairing reply must carry; empty: any.
   std::string expect_ssid;
   std::string expect_key;
@@ -116,8 +119,9 @@ struct Stats {
   int foreign_frames = 0;  // hub frames addressed to another camera
   int discards = 0;        // times received bytes were not a frame and were dropped
   int commands_asleep = 0;
-  int talk_bytes = 0;  // talk-back audio received
-  int upgrades = 0;    // upgrade requests received (not carried out)
+  int talk_bytes = 0;   // talk-back audio received
+  int talk_frames = 0;  // talk-back frames received
+  int upgrades = 0;     // upgrade requests received (not carried out)
   int resets = 0;
 
   int streams = 0;

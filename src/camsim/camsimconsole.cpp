@@ -87,6 +87,8 @@ int ParseCameraDescription(const std::string& text, CameraConfig* config, std::s
       c.video_file = value;
     } else if (key == "audio") {
       c.audio_file = value;
+    } else if (key == "talk") {
+      c.talk_file = value;
     } else if (key == "ssid") {
       c.expect_ssid = value;
     } else if (key == "key") {
@@ -191,8 +193,8 @@ std::string Simulator::StatusLine(const Camera& camera) {
       << " " << (s.awake ? "awake" : "asleep") << (s.streaming ? " streaming" : "")
       << " pairings=" << s.pairings << " logins=" << s.logins << " wakes=tcp:" << s.wakes_tcp
       << ",udp:" << s.wakes_udp << " frames=" << s.frames << " heartbeats=" << s.heartbeats
-      << " video=" << s.video_frames << " audio=" << s.audio_packets << " pir=" << s.pir
-      << " night=" << s.night << " vbat=" << s.vbat;
+      << " video=" << s.video_frames << " audio=" << s.audio_packets << " talk=" << s.talk_frames
+      << " pir=" << s.pir << " night=" << s.night << " vbat=" << s.vbat;
   return out.str();
 }
 
