@@ -107,6 +107,23 @@ int Session::SendIoCtrl(uint32_t type, const std::string& payload) {
   return viewer_.SendIoCtrl(type, payload.data(), payload.size());
 }
 
+int Session::OpenTalkback(uint8_t channel) {
+  return viewer_.OpenTalkback(channel);
+}
+
+int Session::WaitTalkback(uint8_t channel, int timeout_ms) {
+  return viewer_.WaitTalkback(channel, timeout_ms);
+}
+
+int Session::SendTalkAudio(uint8_t channel, const void* info, size_t info_len, const void* data,
+                           size_t len) {
+  return viewer_.SendAudio(channel, info, info_len, data, len);
+}
+
+int Session::CloseTalkback(uint8_t channel) {
+  return viewer_.CloseTalkback(channel);
+}
+
 void Session::Close() {
   viewer_.Close();
 }

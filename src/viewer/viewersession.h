@@ -68,6 +68,15 @@ class Session {
   // One I/O-control message to the hub. 0 or an AV code.
   int SendIoCtrl(uint32_t type, const std::string& payload);
 
+  // Talkback: the viewer serves a channel (1..31) that the hub joins to receive audio. Open it
+  // before asking the hub to talk, wait for the hub to join, send audio frames (numbered from 0
+  // by the library), close it. Each returns 0 or an AV code.
+  int OpenTalkback(uint8_t channel);
+  int WaitTalkback(uint8_t channel, int timeout_ms);
+  int SendTalkAudio(uint8_t channel, const void* info, size_t info_len, const void* data,
+                    size_t len);
+  int CloseTalkback(uint8_t channel);
+
   // Says goodbye; Abort drops the connection instead, as a viewer that vanishes.
   void Close();
   void Abort();
