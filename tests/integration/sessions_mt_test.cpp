@@ -49,7 +49,10 @@ class Sessions : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (HasFailure() && daemon_ != nullptr) {
+    if (daemon_ == nullptr) return;
+    // A sanitizer build of the daemon reports on its standard error.
+    EXPECT_EQ(0, Lines("Sanitizer|runtime error:"));
+    if (HasFailure()) {
       for (const auto& line : daemon_->Lines()) std::fprintf(stderr, "hub: %s\n", line.c_str());
     }
   }
