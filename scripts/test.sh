@@ -50,7 +50,7 @@ for stage in "${stages[@]}"; do
       configure build-tsan -DTARVO_SANITIZE=thread -DTARVO_BENCH=OFF
       mapfile -t targets < <(ninja -C build-tsan -t targets all | sed -n 's/^\([A-Za-z0-9_]*_mt_test\): .*/\1/p' | sort -u)
       if [ ${#targets[@]} -eq 0 ]; then echo "no threaded tests"; continue; fi
-      ninja -C build-tsan tarvo-p2p tarvo-mkboard tarvo-shim "${targets[@]}"
+      ninja -C build-tsan "${targets[@]}"  # they depend on the daemon and the tools
       TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
         ctest --test-dir build-tsan -L threaded "${ctest_args[@]}"
       ;;
