@@ -7,7 +7,6 @@
 #include "camera/livechannel.h"
 #include "cloud/cloudinput.h"
 #include "cloud/cmdargs.h"
-#include "cloud/mqttclient.h"
 #include "cloud/zelojson.h"
 #include "core/log.h"
 #include "core/utils.h"
@@ -27,22 +26,6 @@ std::string Key(const std::string& mac, const char* setting) {
 
 int GetInt(const std::string& mac, const char* setting) {
   return cmdargs::CameraInt(mac, setting);
-}
-
-// [MAC, value] commands: the array, its length checked against 2.
-json_object* PairParams(const zelojson::Doc& doc, const char* length_message) {
-  json_object* params = cmdargs::GetParams(doc);
-  if (params == nullptr) return nullptr;
-  if (!json_object_is_type(params, json_type_array)) {
-    TLOG(LOG_DEBUG) << "params is not an array: " << zelojson::ToText(params);
-    return nullptr;
-  }
-  size_t n = json_object_array_length(params);
-  if (n != 2) {
-    TLOG(LOG_DEBUG) << length_message << n;
-    return nullptr;
-  }
-  return params;
 }
 
 struct AlarmField {
@@ -70,20 +53,14 @@ std::vector<AlarmField> FormFields(bool second) {
 
 int GetAlarmConfig(const char* msg, bool second) {
   int id = 0;
-  if (!cmdargs::GetId(msg, &id)) return -1;
-  zelojson::Doc doc(msg);
-  json_object* params = cmdargs::GetParams(doc);
   std::string mac;
-  if (params == nullptr || !cmdargs::GetCameraMac(params, &mac)) return -1;
-  if (!cmdargs::IsKnownCamera(mac)) return -1;
+  if (!cmdargs::GetIdAndCameraMac(msg, &id, &mac) || !cmdargs::IsKnownCamera(mac)) return -1;
   std::string result = "{\"mac\":" + zelojson::Quote(mac);
   for (const AlarmField& field : FormFields(second)) {
     result += ",\"" + std::string(field.name) + "\":" + std::to_string(GetInt(mac, field.name));
   }
   result += "}";
-  std::string reply = cmdargs::Reply(id, result);
-  TLOG(LOG_DEBUG) << "Get alarm config Ack: " << reply;
-  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
+  return cmdargs::SendReply("Get alarm config Ack: ", cmdargs::Reply(id, result));
 }
 
 int SetAlarmConfig(const char* msg, bool second) {
@@ -157,9 +134,7 @@ int SetAlarmConfig(const char* msg, bool second) {
       if (name == "pir_duration") channel->camera().SetRecordLength(v.second);
     }
   }
-  std::string reply = cmdargs::OkReply(id);
-  TLOG(LOG_DEBUG) << "Set alarm config Ack: " << reply;
-  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
+  return cmdargs::SendReply("Set alarm config Ack: ", cmdargs::OkReply(id));
 }
 
 }  // namespace
@@ -182,16 +157,14 @@ int ProcMsgGetCameraList(const char* msg) {
     }
   }
   result += "]";
-  std::string reply = cmdargs::Reply(id, result);
-  TLOG(LOG_DEBUG) << "Get camera list ack: " << reply;
-  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
+  return cmdargs::SendReply("Get camera list ack: ", cmdargs::Reply(id, result));
 }
 
 int ProcMsgCameraRename(const char* msg) {
   int id = 0;
   if (!cmdargs::GetId(msg, &id)) return -1;
   zelojson::Doc doc(msg);
-  json_object* params = PairParams(doc, "Rename camera params length not equal ");
+  json_object* params = cmdargs::GetPairParams(doc, "Rename camera params length not equal ");
   if (params == nullptr) return -1;
   std::string mac;
   if (!cmdargs::GetMac(json_object_array_get_idx(params, 0), &mac)) return -1;
@@ -208,9 +181,7 @@ int ProcMsgCameraRename(const char* msg) {
     TLOG(LOG_DEBUG) << "Save camera " << mac << " name in uci config failed";
     return -1;
   }
-  std::string reply = cmdargs::OkReply(id);
-  TLOG(LOG_DEBUG) << "Rename camera: " << mac << " ack: " << reply;
-  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
+  return cmdargs::SendReply("Rename camera: " + mac + " ack: ", cmdargs::OkReply(id));
 }
 
 int ProcMsgSetCameraPower(const char* msg) {
@@ -223,7 +194,7 @@ int ProcMsgSetCameraPower(const char* msg) {
   if (json_object_is_type(params, json_type_array)) {
     TLOG(LOG_DEBUG) << "array_length: " << json_object_array_length(params);
   }
-  params = PairParams(doc, "Set camera power params length not equal ");
+  params = cmdargs::GetPairParams(doc, "Set camera power params length not equal ");
   if (params == nullptr) return -1;
   std::string mac;
   if (!cmdargs::GetMac(json_object_array_get_idx(params, 0), &mac)) return -1;
@@ -238,9 +209,7 @@ int ProcMsgSetCameraPower(const char* msg) {
     TLOG(LOG_DEBUG) << "Save camera " << mac << " power in uci config failed";
     return -1;
   }
-  std::string reply = cmdargs::OkReply(id);
-  TLOG(LOG_DEBUG) << "Set camera power mode Ack: " << reply;
-  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
+  return cmdargs::SendReply("Set camera power mode Ack: ", cmdargs::OkReply(id));
 }
 
 int ProcMsgGetAlarmConfig(const char* msg) {

@@ -98,11 +98,8 @@ void UnbindCamera(int id, std::string mac) {
 
 int ProcMsgGetCameraProp(const char* msg) {
   int id = 0;
-  if (!cmdargs::GetId(msg, &id)) return -1;
-  zelojson::Doc doc(msg);
-  json_object* params = cmdargs::GetParams(doc);
   std::string mac;
-  if (params == nullptr || !cmdargs::GetCameraMac(params, &mac)) return -1;
+  if (!cmdargs::GetIdAndCameraMac(msg, &id, &mac)) return -1;
   auto channel = Channel(mac);
   if (channel == nullptr) return -1;
   TLOG(LOG_DEBUG) << "Get camera prop: " << mac << ", ACK ID: " << id;
@@ -121,17 +118,8 @@ int ProcMsgSetNightMode(const char* msg) {
   int id = 0;
   if (!cmdargs::GetId(msg, &id)) return -1;
   zelojson::Doc doc(msg);
-  json_object* params = cmdargs::GetParams(doc);
+  json_object* params = cmdargs::GetPairParams(doc, "Set camera night params length not equal ");
   if (params == nullptr) return -1;
-  if (!json_object_is_type(params, json_type_array)) {
-    TLOG(LOG_DEBUG) << "params is not an array: " << zelojson::ToText(params);
-    return -1;
-  }
-  size_t n = json_object_array_length(params);
-  if (n != 2) {
-    TLOG(LOG_DEBUG) << "Set camera night params length not equal " << n;
-    return -1;
-  }
   std::string mac;
   if (!cmdargs::GetMac(json_object_array_get_idx(params, 0), &mac)) return -1;
   int mode = 0;
@@ -159,12 +147,8 @@ int ProcMsgSetNightMode(const char* msg) {
 
 int ProcMsgDeleteCamera(const char* msg) {
   int id = 0;
-  if (!cmdargs::GetId(msg, &id)) return -1;
-  zelojson::Doc doc(msg);
-  json_object* params = cmdargs::GetParams(doc);
   std::string mac;
-  if (params == nullptr || !cmdargs::GetCameraMac(params, &mac)) return -1;
-  if (!cmdargs::IsKnownCamera(mac)) return -1;
+  if (!cmdargs::GetIdAndCameraMac(msg, &id, &mac) || !cmdargs::IsKnownCamera(mac)) return -1;
   {
     std::lock_guard<std::mutex> lock(g_deleting_mutex);
     if (!g_deleting.insert(mac).second) {
@@ -194,7 +178,5 @@ int ProcMsgOpenAuth(const char* msg) {
   }
   // Pairing mode is on afterwards whether it starts now or already ran.
   if (StartAuthServer(server) < 0 && !IsAuthServerRunning()) return -1;
-  std::string reply = cmdargs::OkReply(id);
-  TLOG(LOG_DEBUG) << "Open auth Ack: " << reply;
-  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
+  return cmdargs::SendReply("Open auth Ack: ", cmdargs::OkReply(id));
 }

@@ -219,10 +219,9 @@ int ProcMsgSetLegalStatus(const char* msg) {
 int ProcMsgGetThreshold(const char* msg) {
   int id = 0;
   if (!cmdargs::GetId(msg, &id)) return -1;
-  std::string reply =
-      cmdargs::Reply(id, "[" + std::to_string(utils::GetIntConfig(kThresholdKey)) + "]");
-  TLOG(LOG_DEBUG) << "Get power threshold Ack: " << reply;
-  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
+  return cmdargs::SendReply(
+      "Get power threshold Ack: ",
+      cmdargs::Reply(id, "[" + std::to_string(utils::GetIntConfig(kThresholdKey)) + "]"));
 }
 
 int ProcMsgSetThreshold(const char* msg) {
@@ -245,7 +244,5 @@ int ProcMsgSetThreshold(const char* msg) {
     TLOG(LOG_DEBUG) << "Save power threshold failed";
     return -1;
   }
-  std::string reply = cmdargs::OkReply(id);
-  TLOG(LOG_DEBUG) << "Set power threshold Ack: " << reply;
-  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
+  return cmdargs::SendReply("Set power threshold Ack: ", cmdargs::OkReply(id));
 }

@@ -4,6 +4,7 @@
 
 #include "camera/camera.h"
 #include "cloud/cloudinput.h"
+#include "cloud/mqttclient.h"
 #include "core/log.h"
 #include "core/utils.h"
 #include "platform/uci.h"
@@ -29,12 +30,32 @@ json_object* GetParams(const zelojson::Doc& doc) {
   return params;
 }
 
+json_object* GetPairParams(const zelojson::Doc& doc, const char* length_message) {
+  json_object* params = GetParams(doc);
+  if (params == nullptr) return nullptr;
+  if (!json_object_is_type(params, json_type_array)) {
+    TLOG(LOG_DEBUG) << "params is not an array: " << zelojson::ToText(params);
+    return nullptr;
+  }
+  size_t n = json_object_array_length(params);
+  if (n != 2) {
+    TLOG(LOG_DEBUG) << length_message << n;
+    return nullptr;
+  }
+  return params;
+}
+
 std::string Reply(int id, const std::string& result) {
   return "{\"id\":" + std::to_string(id) + ",\"result\":" + result + "}";
 }
 
 std::string OkReply(int id) {
   return Reply(id, "[\"ok\"]");
+}
+
+int SendReply(const std::string& what, const std::string& reply) {
+  TLOG(LOG_DEBUG) << what << reply;
+  return MqttCommandAck(reply.c_str()) == 1 ? 0 : -1;
 }
 
 bool GetMac(json_object* value, std::string* mac) {
@@ -54,6 +75,13 @@ bool GetCameraMac(json_object* params, std::string* mac) {
     return GetMac(json_object_array_get_idx(params, 0), mac);
   }
   return GetMac(params, mac);
+}
+
+bool GetIdAndCameraMac(const char* msg, int* id, std::string* mac) {
+  if (!GetId(msg, id)) return false;
+  zelojson::Doc doc(msg);
+  json_object* params = GetParams(doc);
+  return params != nullptr && GetCameraMac(params, mac);
 }
 
 std::vector<std::string> CameraList() {
