@@ -16,6 +16,7 @@
 #include "cloud/cloudcmd.h"
 #include "cloud/cloudhooks.h"
 #include "cloud/cloudinput.h"
+#include "cloud/mqtttopics.h"
 #include "cloud/msgring.h"
 #include "cloud/zelojson.h"
 #include "core/configuration.h"
@@ -32,13 +33,6 @@ constexpr int kFirstRetrySeconds = 1;
 constexpr int kMaxRetrySeconds = 10;
 // Larger payloads are no message of the cloud agent; they are dropped unread.
 constexpr int kMaxPayload = 64 * 1024;
-
-constexpr char kTopicCommand[] = "zelo/command";
-constexpr char kTopicReportAck[] = "zelo/report_ack";
-constexpr char kTopicClientOut[] = "local/zelo_client_out";
-constexpr char kTopicCommandAck[] = "zelo/command_ack";
-constexpr char kTopicReport[] = "zelo/report";
-constexpr char kTopicClientIn[] = "local/zelo_client_in";
 
 // Publishers take this lock; the client thread takes it to install, reconnect and drop the
 // client, so no publish ever meets a client in the middle of a reconnect.
@@ -65,13 +59,13 @@ struct PublishTexts {
 };
 
 const PublishTexts kReportTexts = {
-    kTopicReport,         "Report msg: ",       "MqttReport publish result: ",
+    mqtttopics::kReport,  "Report msg: ",       "MqttReport publish result: ",
     "MqttReport error: ", "MqttReport error: ", false};
 const PublishTexts kCommandAckTexts = {
-    kTopicCommandAck, nullptr, "MqttCommandAck publish result: ", "MqttReportToCloud error: ",
-    "Command ack: ",  true};
+    mqtttopics::kCommandAck,     nullptr,         "MqttCommandAck publish result: ",
+    "MqttReportToCloud error: ", "Command ack: ", true};
 const PublishTexts kClientInTexts = {
-    kTopicClientIn,           "Zelo_client_in msg: ",   "Zelo_client_in publish result: ",
+    mqtttopics::kClientIn,    "Zelo_client_in msg: ",   "Zelo_client_in publish result: ",
     "Zelo_client_in error: ", "Zelo_client_in error: ", false};
 
 const char* ErrorName(int rc) {
@@ -398,7 +392,7 @@ void my_connect_callback(struct mosquitto* mosq, void*, int result) {
   }
   TLOG(LOG_DEBUG) << "Connected to broker";
   g_connected.store(true);
-  for (const char* topic : {kTopicReportAck, kTopicCommand, kTopicClientOut}) {
+  for (const char* topic : {mqtttopics::kReportAck, mqtttopics::kCommand, mqtttopics::kClientOut}) {
     mosquitto_subscribe(mosq, nullptr, topic, 0);
   }
 }
@@ -421,13 +415,13 @@ void my_message_callback(struct mosquitto*, void*, const struct mosquitto_messag
                    static_cast<size_t>(message->payloadlen));
   }
   const char* topic = message->topic;
-  if (std::strncmp(topic, kTopicCommand, 12) == 0) {
+  if (std::strncmp(topic, mqtttopics::kCommand, 12) == 0) {
     TLOG(LOG_DEBUG) << "Recv zelo command: " << payload;
     HandleZeloMsg(payload.c_str());
-  } else if (std::strncmp(topic, kTopicReportAck, 15) == 0) {
+  } else if (std::strncmp(topic, mqtttopics::kReportAck, 15) == 0) {
     TLOG(LOG_DEBUG) << "Recv zelo report ack: " << payload;
     HandleZeloMsg(payload.c_str());
-  } else if (std::strncmp(topic, kTopicClientOut, 21) == 0) {
+  } else if (std::strncmp(topic, mqtttopics::kClientOut, 21) == 0) {
     TLOG(LOG_DEBUG) << "Recv zelo_client_out ack: " << payload;
     HandleZeloMsg(payload.c_str());
   } else {

@@ -12,18 +12,13 @@
 #include <mutex>
 #include <random>
 
+#include "cloud/mqtttopics.h"
 #include "cloudsim/credentials.h"
 
 namespace cloudsim {
 
 namespace {
 
-constexpr char kTopicCommand[] = "zelo/command";
-constexpr char kTopicReportAck[] = "zelo/report_ack";
-constexpr char kTopicClientOut[] = "local/zelo_client_out";
-constexpr char kTopicCommandAck[] = "zelo/command_ack";
-constexpr char kTopicReport[] = "zelo/report";
-constexpr char kTopicClientIn[] = "local/zelo_client_in";
 constexpr int kQos = 2;
 
 std::once_flag g_lib_once;
@@ -154,7 +149,7 @@ void CloudAgent::Stop() {
 
 void CloudAgent::OnConnect(struct mosquitto* mosq, void*, int rc) {
   if (rc != 0) return;
-  for (const char* topic : {kTopicReport, kTopicCommandAck, kTopicClientIn}) {
+  for (const char* topic : {mqtttopics::kReport, mqtttopics::kCommandAck, mqtttopics::kClientIn}) {
     mosquitto_subscribe(mosq, nullptr, topic, kQos);
   }
 }
@@ -179,8 +174,8 @@ void CloudAgent::OnMessage(struct mosquitto*, void* self, const struct mosquitto
 
 void CloudAgent::Handle(const Message& message) {
   if (observer_) observer_(message);
-  if (message.topic == kTopicReport) AnswerReport(message.payload);
-  if (message.topic == kTopicClientIn) AnswerClientIn(message.payload);
+  if (message.topic == mqtttopics::kReport) AnswerReport(message.payload);
+  if (message.topic == mqtttopics::kClientIn) AnswerClientIn(message.payload);
   // Waiters see the message only after its answer went out.
   std::lock_guard<std::mutex> lock(mutex_);
   messages_.push_back(message);
@@ -193,7 +188,8 @@ void CloudAgent::AnswerReport(const std::string& payload) {
   const std::string id = std::to_string(report.id);
   if (report.method == "_sync.get_p2p_id") {
     if (!options_.uid.empty()) {
-      Publish(kTopicReportAck, "{\"id\":" + id + ",\"result\":" + JsonString(options_.uid) + "}");
+      Publish(mqtttopics::kReportAck,
+              "{\"id\":" + id + ",\"result\":" + JsonString(options_.uid) + "}");
     }
     return;
   }
@@ -218,12 +214,12 @@ void CloudAgent::AnswerReport(const std::string& payload) {
       std::lock_guard<std::mutex> lock(mutex_);
       credential_acks_++;
     }
-    Publish(kTopicReportAck, "{\"id\":" + id + ",\"result\":\"ok\"}");
+    Publish(mqtttopics::kReportAck, "{\"id\":" + id + ",\"result\":\"ok\"}");
     return;
   }
   if (report.method == "_sync.gen_presigned_url") return;
   if (options_.answer_reports && !report.method.empty()) {
-    Publish(kTopicReportAck, "{\"id\":" + id + ",\"result\":\"ok\"}");
+    Publish(mqtttopics::kReportAck, "{\"id\":" + id + ",\"result\":\"ok\"}");
   }
 }
 
@@ -232,9 +228,9 @@ void CloudAgent::AnswerClientIn(const std::string& payload) {
   if (!request.ok || request.method != "local.query_time") return;
   int64_t now = options_.time != 0 ? options_.time : static_cast<int64_t>(std::time(nullptr));
   int id = request.has_id ? request.id : NextId();
-  Publish(kTopicClientOut, "{\"id\":" + std::to_string(id) +
-                               ",\"method\":\"local.time\",\"params\":" + std::to_string(now) +
-                               "}");
+  Publish(mqtttopics::kClientOut,
+          "{\"id\":" + std::to_string(id) +
+              ",\"method\":\"local.time\",\"params\":" + std::to_string(now) + "}");
 }
 
 int CloudAgent::SendCommand(const std::string& method, const std::string& params) {
@@ -245,21 +241,21 @@ int CloudAgent::SendCommandWithId(int id, const std::string& method, const std::
   std::string text = "{\"id\":" + std::to_string(id) + ",\"method\":" + JsonString(method);
   if (!params.empty()) text += ",\"params\":" + params;
   text += "}";
-  return Publish(kTopicCommand, text) == 0 ? id : -1;
+  return Publish(mqtttopics::kCommand, text) == 0 ? id : -1;
 }
 
 int CloudAgent::SendLocalStatus(const std::string& text) {
   int id = NextId();
   std::string msg = "{\"id\":" + std::to_string(id) +
                     ",\"method\":\"local.status\",\"params\":" + JsonString(text) + "}";
-  return Publish(kTopicClientOut, msg) == 0 ? id : -1;
+  return Publish(mqtttopics::kClientOut, msg) == 0 ? id : -1;
 }
 
 int CloudAgent::SendLocalTime(int64_t seconds) {
   int id = NextId();
   std::string msg = "{\"id\":" + std::to_string(id) +
                     ",\"method\":\"local.time\",\"params\":" + std::to_string(seconds) + "}";
-  return Publish(kTopicClientOut, msg) == 0 ? id : -1;
+  return Publish(mqtttopics::kClientOut, msg) == 0 ? id : -1;
 }
 
 int CloudAgent::Publish(const std::string& topic, const std::string& payload) {
@@ -299,7 +295,7 @@ bool CloudAgent::WaitReply(int id, std::string* reply, std::chrono::milliseconds
   Message m;
   bool found = WaitMessage(
       [id](const Message& message) {
-        if (message.topic != kTopicCommandAck) return false;
+        if (message.topic != mqtttopics::kCommandAck) return false;
         Parsed p(message.payload);
         return p.has_id && p.id == id;
       },
@@ -313,7 +309,7 @@ bool CloudAgent::WaitReport(const std::string& method, std::string* report,
   Message m;
   bool found = WaitMessage(
       [&method](const Message& message) {
-        if (message.topic != kTopicReport) return false;
+        if (message.topic != mqtttopics::kReport) return false;
         return Parsed(message.payload).method == method;
       },
       &m, timeout, from);
