@@ -123,6 +123,9 @@ class HubTransport {
   // All of these expect mu_ to be held.
   int AvStatus(int idx, bool sending) const;
   int SessionStatus(int sid, uint64_t gen) const;  // 0 or the AV code of a closed session
+  // 0 when AV is up, the session open and its channel ch neither bound nor being served; gen is
+  // then the session's generation. Else the AV code.
+  int ChannelFree(int sid, unsigned ch, uint64_t* gen) const;
   int AllocAv();
   void FreeAv(int idx);
   void PushControl(Session& s, std::vector<uint8_t> bytes, uint8_t channel);

@@ -273,6 +273,16 @@ int HubTransport::SessionStatus(int sid, uint64_t gen) const {
   return 0;
 }
 
+int HubTransport::ChannelFree(int sid, unsigned ch, uint64_t* gen) const {
+  if (!av_initialized_) return AV_ER_NOT_INITIALIZED;
+  if (sid < 0 || sid >= static_cast<int>(kSessionCapacity)) return AV_ER_INVALID_SID;
+  const Session& s = sessions_[sid];
+  *gen = s.gen;
+  if (int st = SessionStatus(sid, s.gen)) return st;
+  if (s.bound[ch] >= 0 || s.serving[ch]) return AV_ER_INVALID_ARG;
+  return 0;
+}
+
 int HubTransport::AvStatus(int idx, bool sending) const {
   if (!av_initialized_) return AV_ER_NOT_INITIALIZED;
   if (idx < 0 || idx >= av_capacity_) return AV_ER_INVALID_ARG;
@@ -292,12 +302,9 @@ int HubTransport::ServStart(int sid, authFn fn, unsigned timeout_s, unsigned ser
                             int* resend) {
   if (fn == nullptr || ch >= wire::kMaxChannels) return AV_ER_INVALID_ARG;
   std::unique_lock<std::mutex> lock(mu_);
-  if (!av_initialized_) return AV_ER_NOT_INITIALIZED;
-  if (sid < 0 || sid >= static_cast<int>(kSessionCapacity)) return AV_ER_INVALID_SID;
+  uint64_t gen = 0;
+  if (int st = ChannelFree(sid, ch, &gen)) return st;
   Session& s = sessions_[sid];
-  const uint64_t gen = s.gen;
-  if (int st = SessionStatus(sid, gen)) return st;
-  if (s.bound[ch] >= 0 || s.serving[ch]) return AV_ER_INVALID_ARG;
   s.serving[ch] = true;
   const auto deadline = DeadlineAfter(std::chrono::seconds(timeout_s));
   for (;;) {
@@ -370,12 +377,9 @@ int HubTransport::ClientStart(int sid, const char* account, const char* password
   const std::string pw = password != nullptr ? password : "";
   if (acc.size() > wire::kMaxAccount || pw.size() > wire::kMaxLoginText) return AV_ER_INVALID_ARG;
   std::unique_lock<std::mutex> lock(mu_);
-  if (!av_initialized_) return AV_ER_NOT_INITIALIZED;
-  if (sid < 0 || sid >= static_cast<int>(kSessionCapacity)) return AV_ER_INVALID_SID;
+  uint64_t gen = 0;
+  if (int st = ChannelFree(sid, ch, &gen)) return st;
   Session& s = sessions_[sid];
-  const uint64_t gen = s.gen;
-  if (int st = SessionStatus(sid, gen)) return st;
-  if (s.bound[ch] >= 0 || s.serving[ch]) return AV_ER_INVALID_ARG;
   const int idx = AllocAv();
   if (idx < 0) return AV_ER_EXCEED_MAX_CHANNEL;
   AvChannel& a = av_[idx];
