@@ -12,6 +12,15 @@ int IntKey(const std::string& mac, const char* option) {
   return utils::GetIntConfig(("p2p." + mac + "." + option).c_str());
 }
 
+// The battery and signal part of a camera's report.
+void SetBattery(Status* status, const _net_cmd_get_info_type& info) {
+  status->vbat = static_cast<int>(info.vbat > 100000 ? 100000 : info.vbat);
+  status->battery = utils::GetBatteryPercent(status->vbat);
+  status->battery_status = info.battery_status;
+  status->rssi = info.rssi;
+  status->wifi = utils::GetWifiStrength(info.rssi);
+}
+
 }  // namespace
 
 Camera::Camera(std::string mac) : mac_(std::move(mac)) {}
@@ -50,11 +59,7 @@ Status Camera::GetStatus() const {
 
 void Camera::ApplyInfo(const _net_cmd_get_info_type& info) {
   std::lock_guard<std::mutex> lock(mutex_);
-  status_.vbat = static_cast<int>(info.vbat > 100000 ? 100000 : info.vbat);
-  status_.battery = utils::GetBatteryPercent(status_.vbat);
-  status_.battery_status = info.battery_status;
-  status_.rssi = info.rssi;
-  status_.wifi = utils::GetWifiStrength(info.rssi);
+  SetBattery(&status_, info);
   status_.pir = info.pir;
   status_.power = info.power;
   status_.night = info.night;
@@ -65,11 +70,7 @@ void Camera::ApplyInfo(const _net_cmd_get_info_type& info) {
 
 void Camera::ApplyBattery(const _net_cmd_get_info_type& info) {
   std::lock_guard<std::mutex> lock(mutex_);
-  status_.vbat = static_cast<int>(info.vbat > 100000 ? 100000 : info.vbat);
-  status_.battery = utils::GetBatteryPercent(status_.vbat);
-  status_.battery_status = info.battery_status;
-  status_.rssi = info.rssi;
-  status_.wifi = utils::GetWifiStrength(info.rssi);
+  SetBattery(&status_, info);
   status_.updated = utils::GetTimestamp();
 }
 
