@@ -284,6 +284,17 @@ void EnsureEventThread(KeyService& service) {
   service.thread = std::thread(EventThread, service.wake[0]);
 }
 
+// Installs one of the service's callbacks and makes sure the event thread runs.
+template <typename Callback>
+int StartProcessor(Callback KeyService::*slot, Callback callback) {
+  if (callback == nullptr) return -1;
+  KeyService& service = Service();
+  std::lock_guard<std::mutex> lock(service.mutex);
+  service.*slot = callback;
+  EnsureEventThread(service);
+  return service.running ? 0 : -1;
+}
+
 void WakeEventThread(KeyService& service) {
   if (service.wake[1] < 0) return;
   const char byte = 1;
@@ -405,21 +416,11 @@ extern "C" int gpio_hook(int line) {
 }
 
 extern "C" int start_key_processor(key_callback_t callback) {
-  if (callback == nullptr) return -1;
-  KeyService& service = Service();
-  std::lock_guard<std::mutex> lock(service.mutex);
-  service.key_callback = callback;
-  EnsureEventThread(service);
-  return service.running ? 0 : -1;
+  return StartProcessor(&KeyService::key_callback, callback);
 }
 
 extern "C" int start_mmc_key_processor(mmc_callback_t callback) {
-  if (callback == nullptr) return -1;
-  KeyService& service = Service();
-  std::lock_guard<std::mutex> lock(service.mutex);
-  service.mmc_callback = callback;
-  EnsureEventThread(service);
-  return service.running ? 0 : -1;
+  return StartProcessor(&KeyService::mmc_callback, callback);
 }
 
 namespace platform {
