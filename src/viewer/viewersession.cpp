@@ -94,11 +94,10 @@ int Session::Hold(std::chrono::steady_clock::time_point until, const std::atomic
     }
     p2p::ViewerFrame frame;
     const int rc = viewer_.RecvFrame(&frame, MillisecondsUntil(until));
-    if (rc >= 0) {
-      if (handlers.frame) handlers.frame(frame);
-      continue;
-    }
-    if (rc != AV_ER_TIMEOUT) return rc;
+    if (rc < 0 && rc != AV_ER_TIMEOUT) return rc;
+    if (rc >= 0 && handlers.frame) handlers.frame(frame);
+    // Looked at after every frame too: a camera that streams without pause never lets a wait
+    // time out.
     if (stop.load() || std::chrono::steady_clock::now() >= until) return viewer_.status();
   }
 }
