@@ -10,7 +10,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -40,21 +39,12 @@ class CameraDaemon : public ::testing::Test {
       options.push_back(c);
     }
     testsupport::MakeBoard(board_.path(), options);
-    hub_.ip = "127.0.0.1";
-    hub_.camera_port = testsupport::FreePort();
-    hub_.pairing_port = testsupport::FreePort();
-    hub_.wake_port = testsupport::FreePort();
-    env_ = testsupport::BoardEnv(board_.path());
-    for (const auto& kv : broker_.Env()) env_[kv.first] = kv.second;
-    env_["TARVO_HUB_IP"] = hub_.ip;
-    env_["TARVO_CAMERA_PORT"] = std::to_string(hub_.camera_port);
-    env_["TARVO_PAIRING_PORT"] = std::to_string(hub_.pairing_port);
-    env_["TARVO_WAKE_PORT"] = std::to_string(hub_.wake_port);
-    env_["TARVO_P2P_PORT"] = std::to_string(testsupport::FreePort());
-    daemon_ = std::make_unique<testsupport::Process>(
-        std::vector<std::string>{testsupport::BinPath("tarvo-p2p")}, env_);
-    ASSERT_NE("", daemon_->WaitForLine("Subscribed \\(mid: 3\\)", 20s))
-        << ::testing::PrintToString(daemon_->Lines());
+    env_ = testsupport::HubEnv(board_.path(), broker_.Env());
+    hub_.ip = env_["TARVO_HUB_IP"];
+    hub_.camera_port = testsupport::EnvPort(env_, "TARVO_CAMERA_PORT");
+    hub_.pairing_port = testsupport::EnvPort(env_, "TARVO_PAIRING_PORT");
+    hub_.wake_port = testsupport::EnvPort(env_, "TARVO_WAKE_PORT");
+    ASSERT_TRUE(testsupport::StartHub(env_, &daemon_));
     cloudsim::Options options_agent;
     options_agent.host = "127.0.0.1";
     options_agent.port = broker_.port();
@@ -66,7 +56,7 @@ class CameraDaemon : public ::testing::Test {
   void TearDown() override {
     for (auto& c : cameras_) c->Stop();
     if (HasFailure() && daemon_ != nullptr) {
-      for (const auto& line : daemon_->Lines()) std::fprintf(stderr, "hub: %s\n", line.c_str());
+      daemon_->PrintLines("hub: ");
       std::lock_guard<std::mutex> lock(log_mutex_);
       for (const auto& line : camera_log_) std::fprintf(stderr, "camera: %s\n", line.c_str());
     }
@@ -117,14 +107,9 @@ class CameraDaemon : public ::testing::Test {
     return reply;
   }
 
-  int Lines(const std::string& pattern) {
-    const std::regex re(pattern);
-    int n = 0;
-    for (const auto& line : daemon_->Lines()) n += std::regex_search(line, re) ? 1 : 0;
-    return n;
-  }
+  int Lines(const std::string& pattern) { return daemon_->CountLines(pattern); }
   bool WaitLines(const std::string& pattern, int count, std::chrono::milliseconds timeout = 10s) {
-    return WaitFor([&] { return Lines(pattern) >= count; }, timeout);
+    return daemon_->WaitForLines(pattern, count, timeout);
   }
 
   // Waits until the hub counts the camera as asleep.

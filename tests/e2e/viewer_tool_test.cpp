@@ -6,7 +6,6 @@
 
 #include <csignal>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -54,17 +53,9 @@ class ViewerToolOnHub : public ::testing::Test {
     ASSERT_TRUE(broker_.Start());
     testsupport::MakeBoard(board_.path(), {"--force"});
     file_ = board_.path() + "/tmp/app-credentials";
-    port_ = std::to_string(testsupport::FreePort());
-    std::map<std::string, std::string> env = testsupport::BoardEnv(board_.path());
-    for (const auto& kv : broker_.Env()) env[kv.first] = kv.second;
-    env["TARVO_HUB_IP"] = "127.0.0.1";
-    env["TARVO_CAMERA_PORT"] = std::to_string(testsupport::FreePort());
-    env["TARVO_PAIRING_PORT"] = std::to_string(testsupport::FreePort());
-    env["TARVO_WAKE_PORT"] = std::to_string(testsupport::FreePort());
-    env["TARVO_P2P_PORT"] = port_;
-    hub_ =
-        std::make_unique<Process>(std::vector<std::string>{testsupport::BinPath("tarvo-p2p")}, env);
-    ASSERT_NE("", hub_->WaitForLine("Subscribed \\(mid: 3\\)", 20s));
+    const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
+    port_ = env.at("TARVO_P2P_PORT");
+    ASSERT_TRUE(testsupport::StartHub(env, &hub_));
     agent_ = std::make_unique<Process>(
         std::vector<std::string>{testsupport::BinPath("tarvo-cloudsim"), "--host", "127.0.0.1",
                                  "--port", std::to_string(broker_.port()), "--board", board_.path(),
@@ -75,23 +66,12 @@ class ViewerToolOnHub : public ::testing::Test {
     ASSERT_TRUE(WaitFor([&] {
       cloudsim::Credentials c;
       return cloudsim::ReadCredentialsFile(file_, &c) == 0 &&
-             "MakeNewAvPass: " + c.password == LastLine("MakeNewAvPass: ");
+             c.password == hub_->LastMatch("MakeNewAvPass: ([0-9]{6})$");
     }));
   }
 
   void TearDown() override {
-    if (HasFailure() && hub_ != nullptr) {
-      for (const auto& line : hub_->Lines()) std::fprintf(stderr, "hub: %s\n", line.c_str());
-    }
-  }
-
-  std::string LastLine(const std::string& text) {
-    std::string last;
-    for (const auto& line : hub_->Lines()) {
-      const size_t at = line.find(text);
-      if (at != std::string::npos) last = line.substr(at);
-    }
-    return last;
+    if (HasFailure() && hub_ != nullptr) hub_->PrintLines("hub: ");
   }
 
   std::vector<std::string> Args(std::vector<std::string> extra) {

@@ -94,14 +94,14 @@ class WorldEnvironment : public ::testing::Environment {
     AddArp(w.board.path(), "127.0.0.4", kCamN);
     AddArp(w.board.path(), "127.0.0.5", kCamBad);
     AddArp(w.board.path(), "127.0.0.9", kCamU);
-    w.camera_port = testsupport::FreePort();
-    w.pairing_port = testsupport::FreePort();
-    w.wake_port = testsupport::FreePort();
-    setenv("TARVO_ROOT", w.board.path().c_str(), 1);
-    setenv("TARVO_HUB_IP", "127.0.0.1", 1);
-    setenv("TARVO_CAMERA_PORT", std::to_string(w.camera_port).c_str(), 1);
-    setenv("TARVO_PAIRING_PORT", std::to_string(w.pairing_port).c_str(), 1);
-    setenv("TARVO_WAKE_PORT", std::to_string(w.wake_port).c_str(), 1);
+    const auto env = testsupport::HubEnv(w.board.path());
+    w.camera_port = testsupport::EnvPort(env, "TARVO_CAMERA_PORT");
+    w.pairing_port = testsupport::EnvPort(env, "TARVO_PAIRING_PORT");
+    w.wake_port = testsupport::EnvPort(env, "TARVO_WAKE_PORT");
+    // The log goes to the capture sink, not to standard error.
+    for (const auto& [name, value] : env) {
+      if (name != "TARVO_LOG_STDERR") setenv(name.c_str(), value.c_str(), 1);
+    }
     tlog::SetCaptureSink([](int, const std::string& text) {
       std::lock_guard<std::mutex> lock(g_world->log_mutex);
       g_world->log.push_back(text);

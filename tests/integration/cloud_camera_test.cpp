@@ -14,7 +14,6 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -174,16 +173,9 @@ class CloudCamera : public ::testing::Test {
     ASSERT_TRUE(broker_.Start());
     testsupport::MakeBoard(board_.path(), {"--force", "--camera",
                                            std::string(kCamA) + "," + kCamAIp, "--camera", kCamB});
-    camera_port_ = testsupport::FreePort();
-    auto env = testsupport::BoardEnv(board_.path());
-    for (const auto& kv : broker_.Env()) env[kv.first] = kv.second;
-    env["TARVO_HUB_IP"] = "127.0.0.1";
-    env["TARVO_CAMERA_PORT"] = std::to_string(camera_port_);
-    env["TARVO_PAIRING_PORT"] = std::to_string(testsupport::FreePort());
-    env["TARVO_WAKE_PORT"] = std::to_string(testsupport::FreePort());
-    daemon_ = std::make_unique<testsupport::Process>(
-        std::vector<std::string>{testsupport::BinPath("tarvo-p2p")}, env);
-    ASSERT_NE("", daemon_->WaitForLine("Subscribed \\(mid: 3\\)", 20s));
+    const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
+    camera_port_ = testsupport::EnvPort(env, "TARVO_CAMERA_PORT");
+    ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
     cloudsim::Options options;
     options.host = "127.0.0.1";
     options.port = broker_.port();
@@ -219,13 +211,6 @@ class CloudCamera : public ::testing::Test {
     return n;
   }
 
-  int DaemonLines(const std::string& pattern) {
-    std::regex re(pattern);
-    int n = 0;
-    for (const auto& line : daemon_->Lines()) n += std::regex_search(line, re) ? 1 : 0;
-    return n;
-  }
-
   std::string Board(const std::string& path) { return board_.path() + path; }
 
   testsupport::Broker broker_;
@@ -247,7 +232,7 @@ TEST_F(CloudCamera, PropertyRequestIsAnsweredOnceWithTheCamerasValues) {
                 "\"event\":\"motion\"}}",
             reply);
   // The camera answered twice; the second answer finds nobody waiting.
-  ASSERT_TRUE(WaitFor([&] { return DaemonLines("ACK ID: " + std::to_string(id)) >= 2; }));
+  ASSERT_TRUE(daemon_->WaitForLines("ACK ID: " + std::to_string(id), 2));
   Barrier();
   EXPECT_EQ(1, RepliesTo(id));
 }
@@ -321,7 +306,7 @@ TEST_F(CloudCamera, PairingCommandOpensPairingModeOnce) {
   int second = agent_->SendCommand("let_connect_gateway", "");
   EXPECT_EQ("{\"id\":" + std::to_string(second) + ",\"result\":[\"ok\"]}", Reply(second));
   EXPECT_NE("", daemon_->WaitForLine("Is in auth, stop new auth command"));
-  EXPECT_EQ(1, DaemonLines("not in auth, start auth tcp server"));
+  EXPECT_EQ(1, daemon_->CountLines("not in auth, start auth tcp server"));
 }
 
 TEST_F(CloudCamera, ServiceFaultMinus90EndsTheDaemonForARestart) {

@@ -13,7 +13,9 @@ using namespace testsupport;
 
 namespace {
 
-int ExitCode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1000 - status; }
+int ExitCode(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1000 - status;
+}
 
 TEST(Daemon, HelpPrintsTheUsageAndExitsZero) {
   for (auto args : {std::vector<std::string>{"-h"}, {"-d", "-v", "3", "-h"}}) {
@@ -32,13 +34,8 @@ class DaemonOnBoard : public ::testing::Test {
   void SetUp() override { MakeBoard(board_.path() + "/root"); }
   std::string root() const { return board_.path() + "/root"; }
   std::map<std::string, std::string> Env() {
-    auto env = BoardEnv(root());
-    env["TARVO_MQTT_PORT"] = std::to_string(FreePort());  // no broker: the hub keeps retrying
-    env["TARVO_HUB_IP"] = "127.0.0.1";
-    env["TARVO_CAMERA_PORT"] = std::to_string(FreePort());
-    env["TARVO_PAIRING_PORT"] = std::to_string(FreePort());
-    env["TARVO_P2P_PORT"] = std::to_string(FreePort());
-    return env;
+    // no broker: the hub keeps retrying
+    return HubEnv(root(), {{"TARVO_MQTT_PORT", std::to_string(FreePort())}});
   }
   TempDir board_;
 };

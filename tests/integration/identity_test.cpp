@@ -20,13 +20,8 @@ class IdentityOnBoard : public ::testing::Test {
  protected:
   std::string root() const { return dir_.path() + "/root"; }
   std::map<std::string, std::string> Env() {
-    auto env = BoardEnv(root());
-    env["TARVO_MQTT_PORT"] = std::to_string(FreePort());  // no broker needed here
-    env["TARVO_HUB_IP"] = "127.0.0.1";
-    env["TARVO_CAMERA_PORT"] = std::to_string(FreePort());
-    env["TARVO_PAIRING_PORT"] = std::to_string(FreePort());
-    env["TARVO_P2P_PORT"] = std::to_string(FreePort());
-    return env;
+    // no broker needed here
+    return HubEnv(root(), {{"TARVO_MQTT_PORT", std::to_string(FreePort())}});
   }
   // Runs the board's nvram tool, as provisioning would.
   void Nvram(const std::vector<std::string>& words) {

@@ -52,23 +52,14 @@ class Sessions : public ::testing::Test {
     if (daemon_ == nullptr) return;
     // A sanitizer build of the daemon reports on its standard error.
     EXPECT_EQ(0, Lines("Sanitizer|runtime error:"));
-    if (HasFailure()) {
-      for (const auto& line : daemon_->Lines()) std::fprintf(stderr, "hub: %s\n", line.c_str());
-    }
+    if (HasFailure()) daemon_->PrintLines("hub: ");
   }
 
   // Starts (or starts again) the daemon on the board and waits for its MQTT subscriptions.
   void StartHub() {
-    std::map<std::string, std::string> env = testsupport::BoardEnv(board_.path());
-    for (const auto& kv : broker_.Env()) env[kv.first] = kv.second;
-    env["TARVO_HUB_IP"] = "127.0.0.1";
-    env["TARVO_CAMERA_PORT"] = std::to_string(testsupport::FreePort());
-    env["TARVO_PAIRING_PORT"] = std::to_string(testsupport::FreePort());
-    env["TARVO_WAKE_PORT"] = std::to_string(testsupport::FreePort());
+    std::map<std::string, std::string> env = testsupport::HubEnv(board_.path(), broker_.Env());
     env["TARVO_P2P_PORT"] = std::to_string(p2p_port_);
-    daemon_ = std::make_unique<testsupport::Process>(
-        std::vector<std::string>{testsupport::BinPath("tarvo-p2p")}, env);
-    ASSERT_NE("", daemon_->WaitForLine("Subscribed \\(mid: 3\\)", 20s));
+    ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
   }
 
   void StopHub() {
@@ -100,8 +91,8 @@ class Sessions : public ::testing::Test {
     std::string error;
     ASSERT_TRUE(WaitFor([&] {
       return viewer::LoadCredentials(file_, out, &error) == 0 &&
-             out->password == Last("MakeNewAvPass: ([0-9]{6})$") &&
-             out->public_key == Last("public key is: ([0-9a-f]{64})$");
+             out->password == daemon_->LastMatch("MakeNewAvPass: ([0-9]{6})$") &&
+             out->public_key == daemon_->LastMatch("public key is: ([0-9a-f]{64})$");
     })) << error;
   }
 
@@ -111,24 +102,9 @@ class Sessions : public ::testing::Test {
     return o;
   }
 
-  int Lines(const std::string& pattern) {
-    const std::regex re(pattern);
-    int n = 0;
-    for (const auto& line : daemon_->Lines()) n += std::regex_search(line, re) ? 1 : 0;
-    return n;
-  }
+  int Lines(const std::string& pattern) { return daemon_->CountLines(pattern); }
   bool WaitLines(const std::string& pattern, int count, std::chrono::milliseconds timeout = 10s) {
-    return WaitFor([&] { return Lines(pattern) >= count; }, timeout);
-  }
-  // The first group of the last line that matches.
-  std::string Last(const std::string& pattern) {
-    const std::regex re(pattern);
-    std::string value;
-    for (const auto& line : daemon_->Lines()) {
-      std::smatch m;
-      if (std::regex_search(line, m, re)) value = m[1];
-    }
-    return value;
+    return daemon_->WaitForLines(pattern, count, timeout);
   }
 
   void AppendNvram(const std::string& lines) {

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -184,6 +185,34 @@ bool Process::HasLine(const std::string& pattern) {
   return false;
 }
 
+int Process::CountLines(const std::string& pattern) {
+  std::regex re(pattern);
+  std::lock_guard<std::mutex> lock(mutex_);
+  int n = 0;
+  for (const auto& l : lines_) n += std::regex_search(l, re) ? 1 : 0;
+  return n;
+}
+
+bool Process::WaitForLines(const std::string& pattern, int count,
+                           std::chrono::milliseconds timeout) {
+  return WaitFor([&] { return CountLines(pattern) >= count; }, timeout);
+}
+
+std::string Process::LastMatch(const std::string& pattern) {
+  std::regex re(pattern);
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::string value;
+  for (const auto& l : lines_) {
+    std::smatch m;
+    if (std::regex_search(l, m, re) && m.size() > 1) value = m[1];
+  }
+  return value;
+}
+
+void Process::PrintLines(const std::string& prefix) {
+  for (const auto& line : Lines()) std::fprintf(stderr, "%s%s\n", prefix.c_str(), line.c_str());
+}
+
 std::vector<std::string> Process::Lines() {
   std::lock_guard<std::mutex> lock(mutex_);
   return lines_;
@@ -224,6 +253,29 @@ void Process::Signal(int sig) {
 
 std::map<std::string, std::string> BoardEnv(const std::string& root) {
   return {{"TARVO_ROOT", root}, {"TARVO_LOG_STDERR", "1"}};
+}
+
+std::map<std::string, std::string> HubEnv(const std::string& root,
+                                          const std::map<std::string, std::string>& extra) {
+  std::map<std::string, std::string> env = BoardEnv(root);
+  env["TARVO_HUB_IP"] = "127.0.0.1";
+  for (const char* name :
+       {"TARVO_CAMERA_PORT", "TARVO_PAIRING_PORT", "TARVO_WAKE_PORT", "TARVO_P2P_PORT"}) {
+    env[name] = std::to_string(FreePort());
+  }
+  for (const auto& [name, value] : extra) env[name] = value;
+  return env;
+}
+
+uint16_t EnvPort(const std::map<std::string, std::string>& env, const std::string& name) {
+  return static_cast<uint16_t>(std::stoi(env.at(name)));
+}
+
+bool StartHub(const std::map<std::string, std::string>& env, std::unique_ptr<Process>* hub) {
+  *hub = std::make_unique<Process>(std::vector<std::string>{BinPath("tarvo-p2p")}, env);
+  if ((*hub)->WaitForLine("Subscribed \\(mid: 3\\)", std::chrono::seconds(20)) != "") return true;
+  ADD_FAILURE() << "the daemon did not subscribe:\n" << ::testing::PrintToString((*hub)->Lines());
+  return false;
 }
 
 }  // namespace testsupport

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <regex>
 #include <string>
@@ -62,6 +63,14 @@ class Process {
   std::string WaitForLine(const std::string& pattern,
                           std::chrono::milliseconds timeout = std::chrono::seconds(10));
   bool HasLine(const std::string& pattern);
+  // How many lines so far match; waiting until at least count do.
+  int CountLines(const std::string& pattern);
+  bool WaitForLines(const std::string& pattern, int count,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // The first group of the last line that matches, or "".
+  std::string LastMatch(const std::string& pattern);
+  // Every line so far to standard error, each after prefix (for a failed test's log).
+  void PrintLines(const std::string& prefix);
   std::vector<std::string> Lines();
   // Waits for the process to end; returns its wait status, or -1 on time-out.
   int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(10));
@@ -82,5 +91,17 @@ class Process {
 
 // The environment that points a daemon or tool at a board root and logs to standard error.
 std::map<std::string, std::string> BoardEnv(const std::string& root);
+
+// The daemon's environment: BoardEnv, the hub on 127.0.0.1 with free camera, pairing, wake and
+// P2P ports (TARVO_HUB_IP, TARVO_CAMERA_PORT, TARVO_PAIRING_PORT, TARVO_WAKE_PORT,
+// TARVO_P2P_PORT), then the names of extra (a broker's Env()) on top.
+std::map<std::string, std::string> HubEnv(const std::string& root,
+                                          const std::map<std::string, std::string>& extra = {});
+// A port of such an environment, e.g. EnvPort(env, "TARVO_CAMERA_PORT").
+uint16_t EnvPort(const std::map<std::string, std::string>& env, const std::string& name);
+
+// Starts the daemon tarvo-p2p with env; true once it has made its three MQTT subscriptions
+// (false with its output in the test log otherwise).
+bool StartHub(const std::map<std::string, std::string>& env, std::unique_ptr<Process>* hub);
 
 }  // namespace testsupport
