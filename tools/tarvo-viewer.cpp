@@ -2,15 +2,20 @@
 #include <signal.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "p2p/iotc.h"
+#include "server/ioctrl.h"
 #include "viewer/viewerframe.h"
+#include "viewer/viewerlive.h"
 #include "viewer/viewersession.h"
+#include "viewer/viewertalk.h"
 
 namespace {
 
@@ -45,19 +50,49 @@ const char kUsage[] =
     "  --sign-hub-key HEX   sign for this hub public key (64 hexadecimal digits)\n"
     "  --login-text TEXT    send this login text as it stands instead of a signed one\n"
     "\n"
+    "Live view (frames are decrypted with the session's stream key):\n"
+    "  --live MAC           watch camera MAC (twelve hexadecimal digits): live start with\n"
+    "                       {\"mac\":MAC,\"videoquality\":Q} after the login, live stop at the "
+    "end\n"
+    "  --quality Q          videoquality of the live start (default 2: 1920x1080; 1: 1280x720)\n"
+    "  --set-quality Q      change the quality once the first video frame has come\n"
+    "  --h264 FILE          write the decrypted H.264 elementary stream (Annex B)\n"
+    "  --mp4 FILE           write the same frames into an MP4 file (FFmpeg remux, no "
+    "re-encoding),\n"
+    "                       from the first key frame with its parameter sets on\n"
+    "  --alaw FILE          write the decrypted audio (raw 8 kHz G.711 A-law)\n"
+    "  --frame-log FILE     one CSV line per frame: kind, number, index, key, bytes, encrypted,\n"
+    "                       seconds, milliseconds\n"
+    "  --no-stop            end without the live stop request\n"
+    "\n"
+    "Talkback (with --live):\n"
+    "  --talk FILE          send raw 8 kHz A-law from FILE to the camera's speaker, paced as it\n"
+    "                       plays; the hub leaves out every tenth frame (numbers 0, 10, 20, ...).\n"
+    "                       The session is held at least until the file has been sent\n"
+    "  --talk-channel N     the talkback channel the viewer serves, 1..31 (default 1)\n"
+    "  --talk-frame BYTES   bytes a frame, 1..2048 (default 320: 40 ms)\n"
+    "\n"
     "Output:\n"
     "  -q, --quiet          print nothing on standard output\n"
     "  -h, --help           this text\n"
     "\n"
     "Standard output, one line per step: \"session SID open on HOST:PORT\", \"login ok\",\n"
-    "\"frames video N audio M\" when the hub sent any, then \"closed\" or \"aborted\". A refusal\n"
-    "or a lost session prints \"refused STEP CODE_NAME (CODE)\" or \"lost CODE_NAME (CODE)\" on\n"
-    "standard error. The device token and the keys are never printed.\n"
+    "\"live MAC quality Q\", \"frames video N audio M\" when the hub sent any; with --live the\n"
+    "statistics \"video frames N key K bytes B gaps G missing M\" (gaps in the camera's frame\n"
+    "index), \"audio frames N bytes B gaps G missing M\" (gaps in the transport's numbers), then\n"
+    "\"h264 FILE\", \"mp4 FILE frames N\", \"alaw FILE\" for the files written and \"talk frames "
+    "N\n"
+    "bytes B\"; then \"closed\" or \"aborted\". A refusal or a lost session prints \"refused\n"
+    "STEP CODE_NAME (CODE)\" or \"lost CODE_NAME (CODE)\" on standard error. The device token\n"
+    "and the keys are never printed.\n"
     "Exit status: 0 when the session was opened, logged in, held and ended as asked; 1 when the\n"
-    "hub refused it or it was lost; 2 on a usage error or an unreadable credentials file.\n"
+    "hub refused it or it was lost, or a file or the talkback failed (\"error ...\" on standard\n"
+    "error); 2 on a usage error or an unreadable credentials file.\n"
     "\n"
     "Example: tarvo-cloudsim --status cloud_connected --credentials /tmp/creds --stay &\n"
-    "         tarvo-viewer --credentials /tmp/creds --host 192.168.1.20 --hold 30\n";
+    "         tarvo-viewer --credentials /tmp/creds --host 192.168.1.20 --hold 30\n"
+    "         tarvo-viewer --credentials /tmp/creds --live 0A1B2C3D4E5F --hold 10 \\\n"
+    "             --h264 cam.h264 --mp4 cam.mp4 --talk hello.alaw\n";
 
 std::atomic<bool> g_stop{false};
 
@@ -79,8 +114,25 @@ bool ParseNumber(const char* text, long long low, long long high, long long* out
   return true;
 }
 
+bool IsMac(const std::string& text) {
+  if (text.size() != 12) return false;
+  for (char c : text) {
+    if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+  }
+  return true;
+}
+
 struct Args {
   std::string credentials;
+  std::string live;  // camera MAC, upper case
+  long long quality = server::kDefaultVideoQuality;
+  bool set_quality = false;
+  long long new_quality = 0;
+  bool no_stop = false;
+  viewer::RecordOptions record;
+  std::string talk;
+  long long talk_channel = 1;
+  long long talk_frame = 320;
   viewer::SessionOptions session;
   long long hold_s = 0;
   bool abort = false;
@@ -103,6 +155,8 @@ int ParseArgs(int argc, char** argv, Args* a) {
       a->quiet = true;
     } else if (arg == "--abort") {
       a->abort = true;
+    } else if (arg == "--no-stop") {
+      a->no_stop = true;
     } else if (!has_value) {
       return Usage("unknown option or missing value: " + arg);
     } else if (arg == "--credentials") {
@@ -120,6 +174,35 @@ int ParseArgs(int argc, char** argv, Args* a) {
     } else if (arg == "--hold") {
       if (!ParseNumber(argv[++i], 0, 24LL * 3600 * 365, &number)) return Usage("bad --hold");
       a->hold_s = number;
+    } else if (arg == "--live") {
+      a->live = argv[++i];
+      if (!IsMac(a->live)) return Usage("--live needs twelve hexadecimal digits");
+      for (char& c : a->live) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    } else if (arg == "--quality") {
+      if (!ParseNumber(argv[++i], 0, 255, &number)) return Usage("bad --quality");
+      a->quality = number;
+    } else if (arg == "--set-quality") {
+      if (!ParseNumber(argv[++i], 0, 255, &number)) return Usage("bad --set-quality");
+      a->new_quality = number;
+      a->set_quality = true;
+    } else if (arg == "--h264") {
+      a->record.h264_path = argv[++i];
+    } else if (arg == "--mp4") {
+      a->record.mp4_path = argv[++i];
+    } else if (arg == "--alaw") {
+      a->record.alaw_path = argv[++i];
+    } else if (arg == "--frame-log") {
+      a->record.frame_log_path = argv[++i];
+    } else if (arg == "--talk") {
+      a->talk = argv[++i];
+    } else if (arg == "--talk-channel") {
+      if (!ParseNumber(argv[++i], 1, 31, &number)) return Usage("bad --talk-channel");
+      a->talk_channel = number;
+    } else if (arg == "--talk-frame") {
+      if (!ParseNumber(argv[++i], 1, static_cast<long long>(viewer::kMaxTalkFrameBytes), &number)) {
+        return Usage("bad --talk-frame");
+      }
+      a->talk_frame = number;
     } else if (arg == "--uid") {
       a->uid = argv[++i];
       a->has_uid = true;
@@ -140,6 +223,11 @@ int ParseArgs(int argc, char** argv, Args* a) {
     }
   }
   if (a->credentials.empty()) return Usage("--credentials FILE is required");
+  const bool records = !a->record.h264_path.empty() || !a->record.mp4_path.empty() ||
+                       !a->record.alaw_path.empty() || !a->record.frame_log_path.empty();
+  if (a->live.empty() && (records || !a->talk.empty() || a->set_quality)) {
+    return Usage("--h264, --mp4, --alaw, --frame-log, --set-quality and --talk need --live MAC");
+  }
   return 0;
 }
 
@@ -191,24 +279,99 @@ int main(int argc, char** argv) {
 
   // Frames come only after the viewer asks for live view; they are counted and decrypted here so
   // that a broken stream shows.
+  viewer::LiveRecorder recorder;
+  std::string error_text;
+  if (!args.live.empty() && recorder.Open(args.record, &error_text) != 0) {
+    std::fprintf(stderr, "tarvo-viewer: %s\n", error_text.c_str());
+    return 2;
+  }
+  if (!args.live.empty()) {
+    const std::string start =
+        "{\"mac\":\"" + args.live + "\",\"videoquality\":" + std::to_string(args.quality) + "}";
+    rc = session.SendIoCtrl(server::IOTYPE_USER_IPCAM_START, start);
+    if (rc != 0) return refused("live", rc);
+    say("live " + args.live + " quality " + std::to_string(args.quality));
+  }
+
+  std::atomic<bool> talk_done{true};
+  std::thread talker;
+  viewer::TalkResult talk;
+  if (!args.talk.empty()) {
+    viewer::TalkOptions options;
+    options.camera_mac = args.live;
+    options.alaw_path = args.talk;
+    options.channel = static_cast<uint8_t>(args.talk_channel);
+    options.frame_bytes = static_cast<size_t>(args.talk_frame);
+    talk_done = false;
+    talker = std::thread([&session, options, &talk, &talk_done] {
+      viewer::Talk(session, options, g_stop, &talk);
+      talk_done = true;
+    });
+  }
+
   long long video = 0;
   long long audio = 0;
   long long undecodable = 0;
+  bool quality_sent = false;
   viewer::Handlers handlers;
   handlers.frame = [&](const p2p::ViewerFrame& frame) {
     (frame.video ? video : audio)++;
-    std::vector<uint8_t> plain;
-    if (viewer::DecryptFrame(frame, session.has_key() ? session.key() : nullptr, &plain) != 0) {
-      undecodable++;
+    const unsigned char* key = session.has_key() ? session.key() : nullptr;
+    if (!args.live.empty()) {
+      recorder.Add(frame, key);
+    } else {
+      std::vector<uint8_t> plain;
+      if (viewer::DecryptFrame(frame, key, &plain) != 0) undecodable++;
+    }
+    if (frame.video && args.set_quality && !quality_sent) {
+      quality_sent = true;
+      const std::string change = "{\"mac\":\"" + args.live +
+                                 "\",\"videoquality\":" + std::to_string(args.new_quality) + "}";
+      if (session.SendIoCtrl(server::IOTYPE_USER_IPCAM_SETSTREAMCTRL_REQ, change) == 0) {
+        say("quality " + std::to_string(args.new_quality));
+      }
     }
   };
   const auto until = args.hold_s > 0
                          ? std::chrono::steady_clock::now() + std::chrono::seconds(args.hold_s)
                          : std::chrono::steady_clock::time_point::max();
   rc = session.Hold(until, g_stop, handlers);
+  // A talkback still running keeps the session until its file has gone out.
+  while (rc == 0 && !talk_done.load() && !g_stop.load()) {
+    rc = session.Hold(std::chrono::steady_clock::now() + std::chrono::milliseconds(100), g_stop,
+                      handlers);
+  }
+  if (talker.joinable()) {
+    if (rc != 0) g_stop = true;
+    talker.join();
+  }
+  if (!args.live.empty() && !args.no_stop && rc == 0) {
+    session.SendIoCtrl(server::IOTYPE_USER_IPCAM_STOP, "{\"mac\":\"" + args.live + "\"}");
+  }
+  bool failed = false;
   if (video + audio > 0) {
     say("frames video " + std::to_string(video) + " audio " + std::to_string(audio) +
         (undecodable > 0 ? " undecodable " + std::to_string(undecodable) : ""));
+  }
+  if (!args.live.empty()) {
+    if (recorder.Finish(&error_text) != 0) {
+      std::fprintf(stderr, "error %s\n", error_text.c_str());
+      failed = true;
+    }
+    say(viewer::VideoLine(recorder.video()));
+    say(viewer::AudioLine(recorder.audio()));
+    if (!args.record.h264_path.empty()) say("h264 " + args.record.h264_path);
+    if (!args.record.mp4_path.empty()) {
+      say("mp4 " + args.record.mp4_path + " frames " + std::to_string(recorder.mp4_frames()));
+    }
+    if (!args.record.alaw_path.empty()) say("alaw " + args.record.alaw_path);
+  }
+  if (!args.talk.empty()) {
+    say("talk frames " + std::to_string(talk.frames) + " bytes " + std::to_string(talk.bytes));
+    if (!talk.error.empty()) {
+      std::fprintf(stderr, "error talkback: %s\n", talk.error.c_str());
+      failed = true;
+    }
   }
   if (rc != 0) {
     std::fprintf(stderr, "lost %s (%d)\n", viewer::CodeName(rc).c_str(), rc);
@@ -221,5 +384,5 @@ int main(int argc, char** argv) {
     session.Close();
     say("closed");
   }
-  return 0;
+  return failed ? 1 : 0;
 }

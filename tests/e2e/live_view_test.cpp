@@ -1,0 +1,471 @@
+// Live view end to end: the daemon on a board with a real broker and the cloud agent simulator,
+// simulated cameras streaming the generated 1080p clip (or generated frames) from their own
+// loopback addresses, and viewers over the open P2P transport, both the tool as a process and
+// the viewer library in this process. What the viewers decrypt is compared with the frames the
+// camera sent, the tool's MP4 is read by ffprobe, a viewer moves between cameras, talkback
+// reaches a camera, and a viewer that reads nothing never holds up the other.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "camsim/camsim.h"
+#include "camsim/camsimarp.h"
+#include "camsim/camsimmedia.h"
+#include "cloudsim/cloudsim.h"
+#include "cloudsim/credentials.h"
+#include "server/ioctrl.h"
+#include "support/broker.h"
+#include "support/testsupport.h"
+#include "viewer/viewerframe.h"
+#include "viewer/viewersession.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<uint8_t>;
+using testsupport::Process;
+using testsupport::WaitFor;
+
+const char kCamA[] = "0A00000000A1";
+const char kCamB[] = "0A00000000B2";
+const char kIpA[] = "127.0.0.121";
+const char kIpB[] = "127.0.0.122";
+
+// The media of scripts/make-test-media.sh, made once into the build folder.
+std::string TestMedia(const std::string& name) {
+  static const std::string dir = std::string(TARVO_BIN_DIR) + "/test-media";
+  static const int made = std::system(
+      (testsupport::SourcePath("scripts/make-test-media.sh") + " " + dir + " >/dev/null").c_str());
+  return made == 0 ? dir + "/" + name : "";
+}
+
+int ExitCode(int status) {
+  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+Bytes ReadBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::string LiveStart(const std::string& mac) {
+  return "{\"mac\":\"" + mac + "\",\"videoquality\":2}";
+}
+
+// A viewer in this process: a session held on a thread of its own, every frame decrypted and
+// compared with the clips the cameras stream.
+class Watcher {
+ public:
+  struct Frame {
+    uint16_t index;
+    bool key;
+    int clip;  // which clip it is byte for byte (0 or 1), -1: none
+  };
+
+  Watcher(std::vector<std::shared_ptr<const camsim::VideoClip>> clips) : clips_(std::move(clips)) {}
+  ~Watcher() { Stop(); }
+
+  int Open(const viewer::AppCredentials& creds, uint16_t port) {
+    viewer::SessionOptions options;
+    options.port = port;
+    const int rc = session_.Connect(creds, options);
+    return rc != 0 ? rc : session_.Login(creds, options);
+  }
+  int Send(uint32_t type, const std::string& payload) { return session_.SendIoCtrl(type, payload); }
+
+  // Starts reading what the hub sends.
+  void Read() {
+    thread_ = std::thread([this] {
+      viewer::Handlers h;
+      h.frame = [this](const p2p::ViewerFrame& f) { Take(f); };
+      session_.Hold(std::chrono::steady_clock::time_point::max(), stop_, h);
+    });
+  }
+  void Stop() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+
+  std::vector<Frame> Frames() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return frames_;
+  }
+  size_t Count(int clip) {
+    std::lock_guard<std::mutex> lock(mu_);
+    size_t n = 0;
+    for (const Frame& f : frames_) n += f.clip == clip ? 1 : 0;
+    return n;
+  }
+  int undecodable() const { return undecodable_.load(); }
+  int audio() const { return audio_.load(); }
+  viewer::Session& session() { return session_; }
+
+ private:
+  void Take(const p2p::ViewerFrame& f) {
+    Bytes plain;
+    viewer::FrameInfo info;
+    if (viewer::ParseFrameInfo(f.info, &info) != 0 ||
+        viewer::DecryptFrame(f, session_.key(), &plain) != 0 || !info.encrypted) {
+      undecodable_++;
+      return;
+    }
+    if (!f.video) {
+      audio_++;
+      return;
+    }
+    int clip = -1;
+    for (size_t c = 0; c < clips_.size(); c++) {
+      if (clips_[c]->at(info.frame_index).data == plain) clip = static_cast<int>(c);
+    }
+    std::lock_guard<std::mutex> lock(mu_);
+    frames_.push_back({info.frame_index, info.key_frame, clip});
+  }
+
+  std::vector<std::shared_ptr<const camsim::VideoClip>> clips_;
+  viewer::Session session_;
+  std::thread thread_;
+  std::atomic<bool> stop_{false};
+  std::mutex mu_;
+  std::vector<Frame> frames_;
+  std::atomic<int> undecodable_{0};
+  std::atomic<int> audio_{0};
+};
+
+class LiveView : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    video_ = TestMedia("camera-1080p15.h264");
+    audio_ = TestMedia("camera-8k.alaw");
+    ASSERT_FALSE(video_.empty()) << "scripts/make-test-media.sh failed";
+    std::string error;
+    clip_ = camsim::VideoClip::Load(video_, &error);
+    ASSERT_NE(nullptr, clip_) << error;
+    synthetic_ = camsim::VideoClip::Synthetic();
+
+    ASSERT_TRUE(broker_.Start());
+    testsupport::MakeBoard(board_.path(), {"--force", "--camera", std::string(kCamA) + "," + kIpA,
+                                           "--camera", std::string(kCamB) + "," + kIpB});
+    hub_.ip = "127.0.0.1";
+    hub_.camera_port = testsupport::FreePort();
+    hub_.pairing_port = testsupport::FreePort();
+    hub_.wake_port = testsupport::FreePort();
+    p2p_port_ = testsupport::FreePort();
+    std::map<std::string, std::string> env = testsupport::BoardEnv(board_.path());
+    for (const auto& kv : broker_.Env()) env[kv.first] = kv.second;
+    env["TARVO_HUB_IP"] = hub_.ip;
+    env["TARVO_CAMERA_PORT"] = std::to_string(hub_.camera_port);
+    env["TARVO_PAIRING_PORT"] = std::to_string(hub_.pairing_port);
+    env["TARVO_WAKE_PORT"] = std::to_string(hub_.wake_port);
+    env["TARVO_P2P_PORT"] = std::to_string(p2p_port_);
+    daemon_ =
+        std::make_unique<Process>(std::vector<std::string>{testsupport::BinPath("tarvo-p2p")}, env);
+    ASSERT_NE("", daemon_->WaitForLine("Subscribed \\(mid: 3\\)", 20s));
+
+    creds_path_ = board_.path() + "/tmp/app-credentials";
+    cloudsim::Options options;
+    options.host = "127.0.0.1";
+    options.port = broker_.port();
+    options.board = board_.path();
+    options.credentials_file = creds_path_;
+    agent_ = std::make_unique<cloudsim::CloudAgent>(options);
+    ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
+    agent_->SendLocalStatus("cloud_connected");
+    ASSERT_NE("", daemon_->WaitForLine("first report tutk info ok$", 30s));
+    // The file holds the password the hub uses now.
+    ASSERT_TRUE(WaitFor([&] {
+      return viewer::LoadCredentials(creds_path_, &creds_, &error) == 0 &&
+             "MakeNewAvPass: " + creds_.password == LastLine("MakeNewAvPass: ");
+    }));
+  }
+
+  void TearDown() override {
+    for (auto& c : cameras_) c->Stop();
+    if (HasFailure() && daemon_ != nullptr) {
+      for (const auto& line : daemon_->Lines()) std::fprintf(stderr, "hub: %s\n", line.c_str());
+      std::lock_guard<std::mutex> lock(log_mutex_);
+      for (const auto& line : camera_log_) std::fprintf(stderr, "camera: %s\n", line.c_str());
+    }
+  }
+
+  std::string LastLine(const std::string& text) {
+    std::string last;
+    for (const auto& line : daemon_->Lines()) {
+      const size_t at = line.find(text);
+      if (at != std::string::npos) last = line.substr(at);
+    }
+    return last;
+  }
+  int Lines(const std::string& pattern) {
+    const std::regex re(pattern);
+    int n = 0;
+    for (const auto& line : daemon_->Lines()) n += std::regex_search(line, re) ? 1 : 0;
+    return n;
+  }
+
+  // A camera, connected and logged in. The clip: the generated media, else generated frames.
+  camsim::Camera& NewCamera(const std::string& mac, const std::string& ip, bool clip,
+                            const std::string& talk_file = "") {
+    camsim::CameraConfig config;
+    config.mac = mac;
+    config.ip = ip;
+    if (clip) {
+      config.video_file = video_;
+      config.audio_file = audio_;
+    }
+    config.talk_file = talk_file;
+    std::string error;
+    EXPECT_EQ(0, camsim::SetArpEntry(board_.path(), ip, mac, &error)) << error;
+    camsim::Behaviour behaviour;
+    behaviour.awake_time = 0ms;  // streams and answers until told to sleep
+    cameras_.push_back(std::make_unique<camsim::Camera>(config, hub_, behaviour));
+    camsim::Camera& camera = *cameras_.back();
+    camera.SetLogger([this](const std::string& m, const std::string& text) {
+      std::lock_guard<std::mutex> lock(log_mutex_);
+      camera_log_.push_back(m + " " + text);
+    });
+    EXPECT_EQ(0, camera.Start(&error)) << error;
+    EXPECT_EQ(0, camera.Connect(&error)) << error;
+    EXPECT_TRUE(WaitFor([&] { return Lines("Camera " + mac + " login hardver: ") >= 1; }));
+    return camera;
+  }
+
+  std::unique_ptr<Watcher> NewWatcher() {
+    auto w = std::make_unique<Watcher>(
+        std::vector<std::shared_ptr<const camsim::VideoClip>>{clip_, synthetic_});
+    EXPECT_EQ(0, w->Open(creds_, p2p_port_));
+    return w;
+  }
+
+  std::unique_ptr<Process> Viewer(const std::vector<std::string>& extra) {
+    std::vector<std::string> argv = {testsupport::BinPath("tarvo-viewer"), "--credentials",
+                                     creds_path_, "--port", std::to_string(p2p_port_)};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return std::make_unique<Process>(argv, std::map<std::string, std::string>{});
+  }
+
+  static bool Streaming(camsim::Camera& c, bool on) {
+    return c.WaitUntil([on](const camsim::Stats& s) { return s.streaming == on; }, 20s);
+  }
+
+  std::string video_, audio_;
+  std::shared_ptr<const camsim::VideoClip> clip_, synthetic_;
+  testsupport::Broker broker_;
+  testsupport::TempDir board_;
+  camsim::HubEndpoint hub_;
+  uint16_t p2p_port_ = 0;
+  std::unique_ptr<Process> daemon_;
+  std::unique_ptr<cloudsim::CloudAgent> agent_;
+  std::string creds_path_;
+  viewer::AppCredentials creds_;
+  std::vector<std::unique_ptr<camsim::Camera>> cameras_;
+  std::mutex log_mutex_;
+  std::vector<std::string> camera_log_;
+};
+
+// The value after `key ` in a line of the tool's output, or -1.
+long long Field(const std::string& line, const std::string& key) {
+  std::istringstream in(line);
+  std::string word;
+  while (in >> word) {
+    if (word == key) {
+      long long v = -1;
+      in >> v;
+      return v;
+    }
+  }
+  return -1;
+}
+
+std::string LineStarting(Process& p, const std::string& start) {
+  for (const auto& line : p.Lines()) {
+    if (line.compare(0, start.size(), start) == 0) return line;
+  }
+  return "";
+}
+
+TEST_F(LiveView, TwoViewersDecryptTheCamerasFramesByteForByteAndTheMp4HoldsThemAll) {
+  camsim::Camera& cam = NewCamera(kCamA, kIpA, true);
+  const std::string dir = board_.path() + "/tmp";
+  auto tool = Viewer({"--live", kCamA, "--hold", "6", "--h264", dir + "/v.h264", "--mp4",
+                      dir + "/v.mp4", "--frame-log", dir + "/v.csv"});
+  auto other = NewWatcher();
+  other->Read();
+  ASSERT_EQ(0, other->Send(server::IOTYPE_USER_IPCAM_START, LiveStart(kCamA)));
+  ASSERT_TRUE(Streaming(cam, true));
+  ASSERT_EQ(0, ExitCode(tool->Wait(60s))) << ::testing::PrintToString(tool->Lines());
+
+  // The tool: its stream, cut by the frame log, is the clip frame for frame, with no gap.
+  const std::string stats = LineStarting(*tool, "video frames ");
+  const long long frames = Field(stats, "frames");
+  EXPECT_GE(frames, 45) << stats;
+  EXPECT_EQ(0, Field(stats, "gaps")) << stats;
+  EXPECT_GE(Field(stats, "key"), 3) << stats;
+  const Bytes stream = ReadBytes(dir + "/v.h264");
+  std::ifstream log(dir + "/v.csv");
+  std::string line;
+  std::getline(log, line);  // heading
+  size_t at = 0;
+  long long rows = 0, first_key = -1, mp4_expected = 0;
+  while (std::getline(log, line)) {
+    if (line.compare(0, 6, "video,") != 0) continue;
+    unsigned number = 0, index = 0, key = 0, encrypted = 0;
+    size_t bytes = 0;
+    ASSERT_EQ(5, std::sscanf(line.c_str(), "video,%u,%u,%u,%zu,%u", &number, &index, &key, &bytes,
+                             &encrypted))
+        << line;
+    EXPECT_EQ(1u, encrypted);
+    const Bytes& sent = clip_->at(index).data;
+    ASSERT_EQ(sent.size(), bytes) << "frame " << index;
+    ASSERT_LE(at + bytes, stream.size());
+    ASSERT_TRUE(std::equal(sent.begin(), sent.end(), stream.begin() + static_cast<long>(at)))
+        << "frame " << index;
+    at += bytes;
+    if (first_key < 0 && key == 1 && clip_->at(index).key) first_key = rows;
+    if (first_key >= 0) mp4_expected++;
+    rows++;
+  }
+  EXPECT_EQ(frames, rows);
+  EXPECT_EQ(stream.size(), at);
+
+  // Its MP4, as ffprobe reads it: every frame from the first key frame on, 1920x1080.
+  const std::string mp4 = LineStarting(*tool, "mp4 ");
+  EXPECT_EQ(mp4_expected, Field(mp4, "frames")) << mp4;
+  const std::string probe_out = dir + "/probe.txt";
+  ASSERT_EQ(0, std::system(("ffprobe -v error -count_frames -select_streams v:0 -show_entries "
+                            "stream=codec_name,width,height,nb_read_frames -of default=nw=1 " +
+                            dir + "/v.mp4 > " + probe_out)
+                               .c_str()));
+  const std::string probe = testsupport::ReadFile(probe_out);
+  EXPECT_NE(std::string::npos, probe.find("codec_name=h264")) << probe;
+  EXPECT_NE(std::string::npos, probe.find("width=1920")) << probe;
+  EXPECT_NE(std::string::npos, probe.find("height=1080")) << probe;
+  EXPECT_NE(std::string::npos, probe.find("nb_read_frames=" + std::to_string(mp4_expected)))
+      << probe;
+
+  // The other viewer: every frame the clip's, consecutive; the camera streams on for it after
+  // the tool's live stop, and stops when it leaves too.
+  const size_t before = other->Count(0);
+  ASSERT_TRUE(WaitFor([&] { return other->Count(0) >= before + 15; }, 20s));
+  EXPECT_TRUE(cam.GetStats().streaming);
+  ASSERT_EQ(0, other->Send(server::IOTYPE_USER_IPCAM_STOP, "{\"mac\":\"0A00000000A1\"}"));
+  ASSERT_TRUE(Streaming(cam, false));
+  other->Stop();
+  const std::vector<Watcher::Frame> got = other->Frames();
+  ASSERT_GE(got.size(), 60u);
+  for (size_t i = 0; i < got.size(); i++) {
+    EXPECT_EQ(0, got[i].clip) << "frame " << got[i].index;
+    if (i > 0) {
+      EXPECT_EQ(static_cast<uint16_t>(got[i - 1].index + 1), got[i].index);
+    }
+  }
+  EXPECT_EQ(0, other->undecodable());
+  EXPECT_GT(other->audio(), 0);
+}
+
+TEST_F(LiveView, AMovedViewerStopsTheCameraItLeftOnlyWhenNobodyElseWatchesAndTalkbackArrives) {
+  camsim::Camera& a = NewCamera(kCamA, kIpA, true);
+  const std::string talk_file = board_.path() + "/tmp/talk-b.alaw";
+  camsim::Camera& b = NewCamera(kCamB, kIpB, false, talk_file);
+  auto x = NewWatcher();
+  auto y = NewWatcher();
+  x->Read();
+  y->Read();
+  ASSERT_EQ(0, x->Send(server::IOTYPE_USER_IPCAM_START, LiveStart(kCamA)));
+  ASSERT_EQ(0, y->Send(server::IOTYPE_USER_IPCAM_START, LiveStart(kCamA)));
+  ASSERT_TRUE(WaitFor([&] { return x->Count(0) >= 5 && y->Count(0) >= 5; }, 20s));
+
+  // X moves to B: A keeps streaming for Y.
+  ASSERT_EQ(0, x->Send(server::IOTYPE_USER_IPCAM_START, LiveStart(kCamB)));
+  ASSERT_TRUE(WaitFor([&] { return x->Count(1) >= 5; }, 20s));
+  EXPECT_EQ(0, a.GetStats().Count(0x01, 0x03));
+  EXPECT_TRUE(a.GetStats().streaming);
+  const size_t y_before = y->Count(0);
+  ASSERT_TRUE(WaitFor([&] { return y->Count(0) >= y_before + 5; }, 20s));
+
+  // Y moves too: A has no viewer left and is told to stop.
+  ASSERT_EQ(0, y->Send(server::IOTYPE_USER_IPCAM_START, LiveStart(kCamB)));
+  ASSERT_TRUE(Streaming(a, false));
+  EXPECT_GE(a.GetStats().Count(0x01, 0x03), 1);
+  ASSERT_TRUE(WaitFor([&] { return y->Count(1) >= 5; }, 20s));
+  EXPECT_TRUE(b.GetStats().streaming);
+
+  // Talkback from the tool to B: 100 frames of 320 bytes; frames 0, 10, ..., 90 are left out.
+  const Bytes alaw = ReadBytes(audio_);
+  ASSERT_GE(alaw.size(), 32000u);
+  const std::string source = board_.path() + "/tmp/talk-source.alaw";
+  testsupport::WriteFile(source, std::string(alaw.begin(), alaw.begin() + 32000));
+  auto tool = Viewer({"--live", kCamB, "--talk", source, "--hold", "1"});
+  ASSERT_EQ(0, ExitCode(tool->Wait(60s))) << ::testing::PrintToString(tool->Lines());
+  EXPECT_TRUE(tool->HasLine("^talk frames 100 bytes 32000$"));
+  ASSERT_TRUE(b.WaitUntil([](const camsim::Stats& s) { return s.talk_frames >= 90; }, 20s));
+  Bytes expected;
+  for (size_t k = 0; k < 100; k++) {
+    if (k % 10 == 0) continue;
+    expected.insert(expected.end(), alaw.begin() + static_cast<long>(k * 320),
+                    alaw.begin() + static_cast<long>((k + 1) * 320));
+  }
+  EXPECT_EQ(90, b.GetStats().talk_frames);
+  EXPECT_EQ(expected, ReadBytes(talk_file));
+  EXPECT_EQ(1, Lines("\\[thread_ReceiveAudio\\] start ok sid: [0-9]+, idx: [0-9]+, speakerCh: 1$"));
+  EXPECT_TRUE(WaitFor([&] { return Lines("\\[thread_ReceiveAudio\\] exit sid: ") == 1; }));
+
+  x->Stop();
+  y->Stop();
+  EXPECT_EQ(0, x->undecodable());
+  for (const Watcher::Frame& f : x->Frames()) EXPECT_NE(-1, f.clip) << f.index;
+}
+
+TEST_F(LiveView, AViewerThatReadsNothingIsResetWhileTheOtherGetsEveryFrame) {
+  camsim::Camera& cam = NewCamera(kCamA, kIpA, true);
+  auto reader = NewWatcher();
+  auto stalled = NewWatcher();  // logged in second, never reads
+  const std::regex av_line("avServStart3 OK, avIndex: ([0-9]+),");
+  std::vector<std::string> av;
+  ASSERT_TRUE(WaitFor([&] {
+    av.clear();
+    for (const auto& line : daemon_->Lines()) {
+      std::smatch m;
+      if (std::regex_search(line, m, av_line)) av.push_back(m[1]);
+    }
+    return av.size() == 2;
+  }));
+  reader->Read();
+  ASSERT_EQ(0, reader->Send(server::IOTYPE_USER_IPCAM_START, LiveStart(kCamA)));
+  ASSERT_EQ(0, stalled->Send(server::IOTYPE_USER_IPCAM_START, LiveStart(kCamA)));
+  ASSERT_TRUE(Streaming(cam, true));
+
+  // The stalled viewer's queues fill up (its library's, its socket's, then the hub's); from
+  // then on its video is reset.
+  ASSERT_NE("", daemon_->WaitForLine("AV_ER_EXCEED_MAX_SIZE index: " + av[1] + "$", 120s));
+  const size_t at_reset = reader->Count(0);
+  ASSERT_TRUE(WaitFor([&] { return reader->Count(0) >= at_reset + 30; }, 20s));
+  reader->Stop();
+  EXPECT_EQ(0, Lines("AV_ER_EXCEED_MAX_SIZE index: " + av[0] + "$"));
+  EXPECT_EQ(0, Lines("stop client "));
+
+  // The reader's frames: all the clip's, one after the other, none missing.
+  const std::vector<Watcher::Frame> got = reader->Frames();
+  ASSERT_GE(got.size(), 100u);
+  for (size_t i = 0; i < got.size(); i++) {
+    ASSERT_EQ(0, got[i].clip) << "frame " << got[i].index;
+    if (i > 0) {
+      ASSERT_EQ(static_cast<uint16_t>(got[i - 1].index + 1), got[i].index);
+    }
+  }
+  EXPECT_EQ(0, reader->undecodable());
+}
+
+}  // namespace
