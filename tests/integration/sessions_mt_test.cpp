@@ -322,6 +322,16 @@ TEST_F(Sessions, ReportInItsLongFormRenewedEachUnansweredPeriodUntilAcknowledged
   viewer::Session v;
   ASSERT_EQ(0, v.Connect(creds, Options()));
   EXPECT_EQ(0, v.Login(creds, Options()));
+
+  // Once the agent has set the clock, the idle firmware state.
+  EXPECT_EQ(0, Lines("\"prop.ota_state\""));
+  agent_->SendLocalTime(1700000000);
+  std::string ota;
+  ASSERT_TRUE(agent_->WaitReport("prop.ota_state", &ota, 20s));
+  EXPECT_TRUE(std::regex_match(
+      ota,
+      std::regex("\\{\"id\":[0-9]+,\"method\":\"prop.ota_state\",\"params\":\\[\"idle\"\\]\\}")))
+      << ota;
 }
 
 TEST_F(Sessions, WithoutAUidTheLoginWaitsForTheCloudsAnswer) {
