@@ -1,5 +1,5 @@
-// The daemon binary on a board root: usage, start-up to the event loop, fatal signals, and the
-// refusal to run on anything but a complete board.
+// The daemon binary on a board root: usage, start-up to the event loop, fatal signals, the end
+// of a hub without identity or token, and the refusal to run on anything but a complete board.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -80,6 +80,30 @@ TEST_F(DaemonOnBoard, RefusesABoardWithAMissingShim) {
   EXPECT_TRUE(hub.HasLine("refusing to start"));
   // nothing of the board was touched
   EXPECT_TRUE(FileExists(root() + "/etc/config/wifi.conf"));
+}
+
+// A hub provisioned without its device token, or without an identity in nvram, has nothing to
+// run as: it ends with status 0 after saying why (the checks themselves are the configuration
+// unit tests').
+TEST_F(DaemonOnBoard, WithoutTheTokenOrAnIdentityItEndsWithStatusZero) {
+  ASSERT_EQ(unlink((root() + "/etc/config/device.token").c_str()), 0);
+  {
+    Process hub({BinPath("tarvo-p2p")}, Env());
+    EXPECT_EQ(ExitCode(hub.Wait(std::chrono::seconds(30))), 0);
+    EXPECT_TRUE(hub.HasLine("^main [A-Za-z]+:[0-9]+: InitWifiConf failed, exit$"))
+        << ::testing::PrintToString(hub.Lines());
+  }
+  TempDir other;
+  const std::string bare = other.path() + "/root";
+  MakeBoard(bare, {"--no-identity"});
+  auto env = Env();
+  env["TARVO_ROOT"] = bare;
+  Process hub({BinPath("tarvo-p2p")}, env);
+  EXPECT_EQ(ExitCode(hub.Wait(std::chrono::seconds(30))), 0);
+  EXPECT_TRUE(
+      hub.HasLine("^configuration InitDeviceConfig:[0-9]+: Nvram config don't setting, exit$"))
+      << ::testing::PrintToString(hub.Lines());
+  EXPECT_FALSE(FileExists(bare + "/etc/zelo/device.conf"));
 }
 
 TEST(Daemon, RefusesToRunWithoutABoardRoot) {
