@@ -46,12 +46,7 @@ class CameraDaemon : public ::testing::Test {
     hub_.pairing_port = testsupport::EnvPort(env_, "TARVO_PAIRING_PORT");
     hub_.wake_port = testsupport::EnvPort(env_, "TARVO_WAKE_PORT");
     ASSERT_TRUE(testsupport::StartHub(env_, &daemon_));
-    cloudsim::Options options_agent;
-    options_agent.host = "127.0.0.1";
-    options_agent.port = broker_.port();
-    agent_ = std::make_unique<cloudsim::CloudAgent>(options_agent);
-    std::string error;
-    ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
+    agent_ = broker_.StartAgent();
   }
 
   void TearDown() override {

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -26,11 +25,11 @@
 #include "camera/pairing.h"
 #include "core/configuration.h"
 #include "core/eventloop.h"
-#include "core/log.h"
 #include "platform/board.h"
 #include "platform/boardmaker.h"
 #include "platform/uci.h"
 #include "server/mediaserver.h"
+#include "support/logcapture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -58,8 +57,7 @@ struct World {
   uint16_t wake_port = 0;
   server::MediaServer* server = nullptr;
   std::thread loop;
-  std::mutex log_mutex;
-  std::vector<std::string> log;
+  testsupport::LogCapture log;
 };
 World* g_world = nullptr;
 
@@ -102,10 +100,6 @@ class WorldEnvironment : public ::testing::Environment {
     for (const auto& [name, value] : env) {
       if (name != "TARVO_LOG_STDERR") setenv(name.c_str(), value.c_str(), 1);
     }
-    tlog::SetCaptureSink([](int, const std::string& text) {
-      std::lock_guard<std::mutex> lock(g_world->log_mutex);
-      g_world->log.push_back(text);
-    });
     Configuration::getInstance().SetMac(ColonMac(kHubMac));
     eventloop::Loop();
     w.loop = std::thread([] { eventloop::Run(); });
@@ -115,26 +109,9 @@ class WorldEnvironment : public ::testing::Environment {
   void TearDown() override {
     eventloop::Stop();
     g_world->loop.join();
-    tlog::SetCaptureSink({});
   }
 };
 const auto* const g_env = ::testing::AddGlobalTestEnvironment(new WorldEnvironment);
-
-size_t LogSize() {
-  std::lock_guard<std::mutex> lock(g_world->log_mutex);
-  return g_world->log.size();
-}
-// Whether a record holding piece was logged at or after index from.
-bool Logged(const std::string& piece, size_t from = 0) {
-  std::lock_guard<std::mutex> lock(g_world->log_mutex);
-  for (size_t i = from; i < g_world->log.size(); i++) {
-    if (g_world->log[i].find(piece) != std::string::npos) return true;
-  }
-  return false;
-}
-bool WaitLogged(const std::string& piece, size_t from = 0, milliseconds timeout = seconds(10)) {
-  return WaitFor([&] { return Logged(piece, from); }, timeout);
-}
 
 std::string Config(const std::string& key) {
   char value[128] = {0};
@@ -437,11 +414,11 @@ TEST(CameraLink, ReconnectReplacesTheOldConnection) {
 
 TEST(CameraLink, UnknownCameraChangesNothing) {
   const auto macs = g_world->server->LiveChannelMacs();
-  const size_t mark = LogSize();
+  const size_t mark = g_world->log.Mark();
   Cam unknown(kCamU, "127.0.0.9");
   ASSERT_TRUE(unknown.Connect());
   EXPECT_TRUE(unknown.Ends());
-  EXPECT_TRUE(WaitLogged("New tcp client out of Range error: ", mark));
+  EXPECT_TRUE(g_world->log.Wait("New tcp client out of Range error: ", mark));
   Cam nameless("0A00000000EE", "127.0.0.10");  // not even in the ARP table
   ASSERT_TRUE(nameless.Connect());
   EXPECT_TRUE(nameless.Ends());
@@ -487,7 +464,7 @@ TEST(CameraLink, BadStreamInputCostsOnlyTheBytesHeld) {
 TEST(CameraLink, PairingRecordsTheCameraAndGivesItAChannel) {
   ASSERT_EQ(Channel(kCamN), nullptr);
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
-  const size_t mark = LogSize();
+  const size_t mark = g_world->log.Mark();
   ASSERT_EQ(StartAuthServer(g_world->server), 0);
   EXPECT_EQ(StartAuthServer(g_world->server), -1);  // one pairing server at a time
   EXPECT_TRUE(IsTcpServerStart());
@@ -512,15 +489,15 @@ TEST(CameraLink, PairingRecordsTheCameraAndGivesItAChannel) {
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(&reply[65])), "tarvo-cam-secret");
   close(fd);
 
-  EXPECT_TRUE(WaitLogged("It's a new camera sync to hub", mark));
+  EXPECT_TRUE(g_world->log.Wait("It's a new camera sync to hub", mark));
   EXPECT_TRUE(WaitFor([] { return Channel(kCamN) != nullptr; }));
   EXPECT_EQ(Config(std::string("p2p.") + kCamN + ".version"), "200");
   EXPECT_EQ(Config(std::string("p2p.") + kCamN + ".hardver"), "123");
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
   EXPECT_FALSE(IsTcpServerStart());
   EXPECT_EQ(Operstate("ra1"), "down\n");
-  EXPECT_TRUE(Logged("state: 5", mark));
-  EXPECT_TRUE(Logged("state: 4", mark));
+  EXPECT_TRUE(g_world->log.Has("state: 5", mark));
+  EXPECT_TRUE(g_world->log.Has("state: 4", mark));
 
   ASSERT_TRUE(ConnectAndLogin(cam, kCamN, 0x200));
 }
@@ -530,7 +507,7 @@ TEST(CameraLink, RePairingReplacesTheChannel) {
   ASSERT_TRUE(ConnectAndLogin(cam, kCamB, 0x140));
   const auto old = Channel(kCamB);
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
-  const size_t mark = LogSize();
+  const size_t mark = g_world->log.Mark();
   ASSERT_EQ(StartAuthServer(g_world->server), 0);
   const int fd = cam.PairingConnection();
   const Bytes request = cam.PairingRequest(9);
@@ -538,7 +515,7 @@ TEST(CameraLink, RePairingReplacesTheChannel) {
   Bytes rx;
   EXPECT_EQ(Cam::ReadFrom(fd, &rx, seconds(10)).size(), 99u);
   close(fd);
-  EXPECT_TRUE(WaitLogged("It's exist in live channels, delete old and insert new", mark));
+  EXPECT_TRUE(g_world->log.Wait("It's exist in live channels, delete old and insert new", mark));
   EXPECT_TRUE(cam.Ends());  // the old channel's connection is closed
   ASSERT_TRUE(WaitFor([&] { return Channel(kCamB) != nullptr && Channel(kCamB) != old; }));
   const auto fresh = Channel(kCamB);
@@ -552,7 +529,7 @@ TEST(CameraLink, RePairingReplacesTheChannel) {
 TEST(CameraLink, BadPairingRequestsGetNoAnswerAndEndPairing) {
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
   const auto macs = g_world->server->LiveChannelMacs();
-  const size_t mark = LogSize();
+  const size_t mark = g_world->log.Mark();
   ASSERT_EQ(StartAuthServer(g_world->server), 0);
   Cam cam(kCamBad, "127.0.0.5");
   const int fd = cam.PairingConnection();
@@ -568,8 +545,8 @@ TEST(CameraLink, BadPairingRequestsGetNoAnswerAndEndPairing) {
   // No answer at all: the next thing the camera sees is the end of the connection.
   EXPECT_TRUE(Cam::Ends(fd, seconds(30)));
   close(fd);
-  EXPECT_TRUE(Logged("Recv timeout!!!", mark));
-  EXPECT_TRUE(Logged("state: 3", mark));
+  EXPECT_TRUE(g_world->log.Has("Recv timeout!!!", mark));
+  EXPECT_TRUE(g_world->log.Has("state: 3", mark));
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
   EXPECT_EQ(g_world->server->LiveChannelMacs(), macs);
   EXPECT_EQ(Config(std::string("p2p.") + kCamBad + ".version"), "");

@@ -176,12 +176,7 @@ class CloudCamera : public ::testing::Test {
     const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
     camera_port_ = testsupport::EnvPort(env, "TARVO_CAMERA_PORT");
     ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
-    cloudsim::Options options;
-    options.host = "127.0.0.1";
-    options.port = broker_.port();
-    agent_ = std::make_unique<cloudsim::CloudAgent>(options);
-    std::string error;
-    ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
+    agent_ = broker_.StartAgent();
   }
 
   void ConnectCamera(ScriptedCamera& camera) {
@@ -196,20 +191,8 @@ class CloudCamera : public ::testing::Test {
     return reply;
   }
 
-  // Commands are handled in order on the hub's MQTT thread and their replies keep that order.
-  void Barrier() {
-    int id = agent_->SendCommand("get_power_threshold", "");
-    ASSERT_TRUE(agent_->WaitReply(id, nullptr));
-  }
-
-  int RepliesTo(int id) {
-    const std::string head = "{\"id\":" + std::to_string(id) + ",";
-    int n = 0;
-    for (const auto& m : agent_->Messages()) {
-      if (m.topic == "zelo/command_ack" && m.payload.compare(0, head.size(), head) == 0) n++;
-    }
-    return n;
-  }
+  void Barrier() { testsupport::Barrier(*agent_); }
+  int RepliesTo(int id) { return testsupport::RepliesTo(*agent_, id); }
 
   std::string Board(const std::string& path) { return board_.path() + path; }
 

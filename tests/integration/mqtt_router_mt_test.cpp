@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <regex>
 #include <string>
 #include <vector>
@@ -19,11 +18,11 @@
 #include "cloudsim/cloudsim.h"
 #include "cloudsim/credentials.h"
 #include "core/configuration.h"
-#include "core/log.h"
 #include "platform/board.h"
 #include "platform/nvram.h"
 #include "platform/uci.h"
 #include "support/broker.h"
+#include "support/logcapture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -34,50 +33,14 @@ using testsupport::WaitFor;
 constexpr char kCamA[] = "A1B2C3D4E5F6";
 constexpr char kCamB[] = "0C0D0E0F1011";
 
-// Every log record of the process, for waiting on what has no reply.
-class LogTap {
- public:
-  void Add(const std::string& line) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(line);
-  }
-  size_t Mark() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return lines_.size();
-  }
-  bool Has(const std::string& pattern, size_t from) {
-    std::regex re(pattern);
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (size_t i = from; i < lines_.size(); i++) {
-      if (std::regex_search(lines_[i], re)) return true;
-    }
-    return false;
-  }
-  bool Wait(const std::string& pattern, size_t from, std::chrono::milliseconds t = 10s) {
-    return WaitFor([&] { return Has(pattern, from); }, t);
-  }
-  int Count(const std::string& pattern, size_t from) {
-    std::regex re(pattern);
-    std::lock_guard<std::mutex> lock(mutex_);
-    int n = 0;
-    for (size_t i = from; i < lines_.size(); i++) n += std::regex_search(lines_[i], re) ? 1 : 0;
-    return n;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
-
 testsupport::Broker* g_broker = nullptr;
 testsupport::TempDir* g_board = nullptr;
-LogTap* g_log = nullptr;
+testsupport::LogCapture* g_log = nullptr;
 
 class HubEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
-    g_log = new LogTap();
-    tlog::SetCaptureSink([](int, const std::string& text) { g_log->Add(text); });
+    g_log = new testsupport::LogCapture();
     g_broker = new testsupport::Broker();
     ASSERT_TRUE(g_broker->Start());
     g_board = new testsupport::TempDir();
@@ -99,12 +62,7 @@ std::string Board(const std::string& path) {
 }
 
 std::unique_ptr<cloudsim::CloudAgent> Agent(cloudsim::Options options = {}) {
-  options.host = "127.0.0.1";
-  options.port = g_broker->port();
-  auto agent = std::make_unique<cloudsim::CloudAgent>(options);
-  std::string error;
-  EXPECT_EQ(0, agent->Start(10s, &error)) << error;
-  return agent;
+  return g_broker->StartAgent(options);
 }
 
 std::string Reply(int id, const std::string& result) {
@@ -119,22 +77,8 @@ std::string Command(cloudsim::CloudAgent& agent, const std::string& method,
   return reply;
 }
 
-// Commands are handled one after another on the hub's thread, and its replies keep their
-// order: once a later command is answered, an earlier one that has no reply by then never
-// gets one.
-void Barrier(cloudsim::CloudAgent& agent) {
-  int id = agent.SendCommand("get_power_threshold", "");
-  ASSERT_TRUE(agent.WaitReply(id, nullptr));
-}
-
-int RepliesTo(cloudsim::CloudAgent& agent, int id) {
-  int n = 0;
-  const std::string head = "{\"id\":" + std::to_string(id) + ",";
-  for (const auto& m : agent.Messages()) {
-    if (m.topic == "zelo/command_ack" && m.payload.compare(0, head.size(), head) == 0) n++;
-  }
-  return n;
-}
+using testsupport::Barrier;
+using testsupport::RepliesTo;
 
 std::string Uci(const std::string& key) {
   char value[256];

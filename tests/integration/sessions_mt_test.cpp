@@ -68,13 +68,9 @@ class Sessions : public ::testing::Test {
   }
 
   void StartAgent(cloudsim::Options options = cloudsim::Options()) {
-    options.host = "127.0.0.1";
-    options.port = broker_.port();
     options.board = board_.path();
     options.credentials_file = file_;
-    agent_ = std::make_unique<cloudsim::CloudAgent>(options);
-    std::string error;
-    ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
+    agent_ = broker_.StartAgent(options);
   }
 
   // The hub and the agent up; the cloud connected, the credential report acknowledged and the

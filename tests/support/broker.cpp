@@ -89,4 +89,27 @@ std::map<std::string, std::string> Broker::Env() const {
   return {{"TARVO_MQTT_HOST", "127.0.0.1"}, {"TARVO_MQTT_PORT", std::to_string(port_)}};
 }
 
+std::unique_ptr<cloudsim::CloudAgent> Broker::StartAgent(cloudsim::Options options) const {
+  options.host = "127.0.0.1";
+  options.port = port_;
+  auto agent = std::make_unique<cloudsim::CloudAgent>(options);
+  std::string error;
+  EXPECT_EQ(0, agent->Start(std::chrono::seconds(10), &error)) << error;
+  return agent;
+}
+
+void Barrier(cloudsim::CloudAgent& agent) {
+  const int id = agent.SendCommand("get_power_threshold", "");
+  EXPECT_TRUE(agent.WaitReply(id, nullptr)) << "no reply to the barrier command";
+}
+
+int RepliesTo(cloudsim::CloudAgent& agent, int id) {
+  const std::string head = "{\"id\":" + std::to_string(id) + ",";
+  int n = 0;
+  for (const auto& m : agent.Messages()) {
+    if (m.topic == "zelo/command_ack" && m.payload.compare(0, head.size(), head) == 0) n++;
+  }
+  return n;
+}
+
 }  // namespace testsupport

@@ -1,0 +1,33 @@
+// Every log record of this process while the object lives (through tlog's capture sink), for
+// waiting on what leaves no other trace. Patterns are regular expressions searched in each
+// record; from is a Mark() taken earlier, so that only later records count.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+class LogCapture {
+ public:
+  LogCapture();   // installs the capture sink
+  ~LogCapture();  // removes it
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  size_t Mark();
+  bool Has(const std::string& pattern, size_t from = 0);
+  int Count(const std::string& pattern, size_t from = 0);
+  bool Wait(const std::string& pattern, size_t from = 0,
+            std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  std::vector<std::string> Lines();
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+}  // namespace testsupport
