@@ -15,6 +15,7 @@
 
 #include "core/log.h"
 #include "platform/boardmaker.h"
+#include "support/boardfixture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -25,22 +26,20 @@ using testsupport::WriteFile;
 
 // A board whose shims are small scripts that say which tool ran, so the tests see which
 // program a command reached without the real shim.
-class BoardTest : public ::testing::Test {
+class BoardTest : public testsupport::BoardFixture {
  protected:
   void SetUp() override {
-    std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), platform::BoardOptions{}, &error), 0) << error;
+    BoardFixture::SetUp();
     for (const auto& name : platform::ShimNames()) FakeShim(name);
-    platform::SetRootForTest(dir_.path());
     tlog::SetCaptureSink([this](int, const std::string& text) { logged_.push_back(text); });
   }
   void TearDown() override {
     tlog::SetCaptureSink(nullptr);
-    platform::SetRootForTest("");
+    BoardFixture::TearDown();
   }
 
   void FakeShim(const std::string& name) {
-    const std::string path = dir_.path() + "/bin/" + name;
+    const std::string path = root() + "/bin/" + name;
     WriteFile(path, "#!/bin/sh\necho \"board " + name + " $*\"\n");
     chmod(path.c_str(), 0755);
   }
@@ -64,26 +63,25 @@ class BoardTest : public ::testing::Test {
     return false;
   }
 
-  testsupport::TempDir dir_;
   std::vector<std::string> logged_;
 };
 
 TEST_F(BoardTest, RootIsAbsoluteAndPathsArePrefixed) {
   const std::string cwd = std::filesystem::current_path().string();
-  std::filesystem::current_path(dir_.path());
+  std::filesystem::current_path(root());
   platform::SetRootForTest("./sub/../.");
   std::filesystem::current_path("/");
-  EXPECT_EQ(platform::Root(), dir_.path());  // a later chdir does not move it
+  EXPECT_EQ(platform::Root(), root());  // a later chdir does not move it
   std::filesystem::current_path(cwd);
-  EXPECT_EQ(platform::BoardPath("/etc/config/p2p"), dir_.path() + "/etc/config/p2p");
+  EXPECT_EQ(platform::BoardPath("/etc/config/p2p"), root() + "/etc/config/p2p");
   EXPECT_EQ(platform::BoardPath("relative/x"), "relative/x");
 }
 
 TEST_F(BoardTest, CheckBoardNeedsARootAndEveryShim) {
   EXPECT_EQ(platform::CheckBoard(), 0);
 
-  unlink((dir_.path() + "/bin/mkfs.vfat").c_str());
-  chmod((dir_.path() + "/bin/reboot").c_str(), 0644);
+  unlink((root() + "/bin/mkfs.vfat").c_str());
+  chmod((root() + "/bin/reboot").c_str(), 0644);
   EXPECT_EQ(platform::CheckBoard(), -1);
   EXPECT_TRUE(Logged("bin/mkfs.vfat missing"));
   EXPECT_TRUE(Logged("bin/reboot not executable"));
@@ -91,15 +89,15 @@ TEST_F(BoardTest, CheckBoardNeedsARootAndEveryShim) {
   // a link to the machine's own tool is no shim
   FakeShim("mkfs.vfat");
   FakeShim("reboot");
-  unlink((dir_.path() + "/bin/umount").c_str());
-  ASSERT_EQ(symlink("/bin/true", (dir_.path() + "/bin/umount").c_str()), 0);
+  unlink((root() + "/bin/umount").c_str());
+  ASSERT_EQ(symlink("/bin/true", (root() + "/bin/umount").c_str()), 0);
   EXPECT_EQ(platform::CheckBoard(), -1);
   EXPECT_TRUE(Logged("bin/umount leads out of the board root"));
 
   platform::SetRootForTest("");
   EXPECT_EQ(platform::CheckBoard(), -1);
   EXPECT_TRUE(Logged("TARVO_ROOT is not set"));
-  platform::SetRootForTest(dir_.path() + "/etc/config/p2p");
+  platform::SetRootForTest(root() + "/etc/config/p2p");
   EXPECT_EQ(platform::CheckBoard(), -1);
   EXPECT_TRUE(Logged("is not a folder"));
 }
@@ -109,16 +107,16 @@ TEST_F(BoardTest, CommandsReachTheBoardsShimsWithTheBoardEnvironment) {
   EXPECT_EQ(Output("nvram set p2p uid 'X Y' && nvram commit"),
             "board nvram set p2p uid X Y\nboard nvram commit\n");
   EXPECT_EQ(Output("mkfs.vfat " + platform::BoardPath("/dev/mmcblk0p1") + " 2>&1"),
-            "board mkfs.vfat " + dir_.path() + "/dev/mmcblk0p1\n");
+            "board mkfs.vfat " + root() + "/dev/mmcblk0p1\n");
   EXPECT_EQ(Output("echo $TARVO_ROOT; echo $PATH"),
-            dir_.path() + "\n" + dir_.path() + "/bin:/usr/local/bin:/usr/bin:/bin\n");
+            root() + "\n" + root() + "/bin:/usr/local/bin:/usr/bin:/bin\n");
   EXPECT_EQ(Output("cat " + platform::BoardPath("/proc/net/arp") + " | head -c 10"), "IP address");
   // a board file that shares a tool's name is no tool
-  WriteFile(dir_.path() + "/var/log/reboot", "recorded\n");
+  WriteFile(root() + "/var/log/reboot", "recorded\n");
   EXPECT_EQ(Output("cat " + platform::BoardPath("/var/log/reboot")), "recorded\n");
 
   // descriptors of the daemon without close-on-exec stay behind
-  const int leaked = open(dir_.path().c_str(), O_RDONLY);
+  const int leaked = open(root().c_str(), O_RDONLY);
   ASSERT_GE(leaked, 3);
   EXPECT_EQ(Output("test -e /proc/$$/fd/" + std::to_string(leaked) + " && echo inherited"), "");
   close(leaked);
@@ -131,16 +129,16 @@ TEST_F(BoardTest, CommandsReachTheBoardsShimsWithTheBoardEnvironment) {
   ASSERT_NE(in, nullptr);
   std::fputs("through the pipe\n", in);
   EXPECT_EQ(platform::Pclose(in), 0);
-  EXPECT_EQ(ReadFile(dir_.path() + "/tmp/written"), "through the pipe\n");
+  EXPECT_EQ(ReadFile(root() + "/tmp/written"), "through the pipe\n");
 }
 
 TEST_F(BoardTest, CommandsNamingAMissingShimOrTheMachinesToolAreRefused) {
-  const std::string marker = dir_.path() + "/tmp/ran";
-  unlink((dir_.path() + "/bin/mount").c_str());
+  const std::string marker = root() + "/tmp/ran";
+  unlink((root() + "/bin/mount").c_str());
   // nothing of the command runs, not even the part before the tool
   EXPECT_EQ(platform::System("touch " + marker + "; mount -t auto /dev/x /mnt/x"), -1);
   EXPECT_EQ(Output("touch " + marker + " & mount -o remount,rw /x /y 2>&1"), "<refused>");
-  EXPECT_TRUE(Logged("shim " + dir_.path() + "/bin/mount missing"));
+  EXPECT_TRUE(Logged("shim " + root() + "/bin/mount missing"));
   EXPECT_FALSE(FileExists(marker));
 
   for (const char* command :
@@ -149,7 +147,7 @@ TEST_F(BoardTest, CommandsNamingAMissingShimOrTheMachinesToolAreRefused) {
     EXPECT_EQ(platform::System(std::string("touch ") + marker + "; " + command), -1) << command;
   }
   EXPECT_FALSE(FileExists(marker));
-  EXPECT_EQ(Output(dir_.path() + "/bin/reboot"), "board reboot \n");
+  EXPECT_EQ(Output(root() + "/bin/reboot"), "board reboot \n");
 
   platform::SetRootForTest("");
   EXPECT_EQ(platform::System("touch " + marker), -1);
@@ -165,11 +163,11 @@ TEST_F(BoardTest, ClockIsTheMachinesPlusTheBoardsOffset) {
   EXPECT_NEAR(static_cast<double>(platform::NowSeconds()), 1500000000.0, 5);
   EXPECT_NEAR(static_cast<double>(platform::NowMicros() / 1000000), 1500000000.0, 5);
   EXPECT_GT(static_cast<int64_t>(std::time(nullptr)), 1600000000);  // the machine is untouched
-  const std::string offset = ReadFile(dir_.path() + "/etc/clock_offset");
+  const std::string offset = ReadFile(root() + "/etc/clock_offset");
   EXPECT_NEAR(std::stod(offset), 1500000000.0 - static_cast<double>(machine), 5);
 
   // a new process on the same board (here: the same root read again) keeps the offset
-  platform::SetRootForTest(dir_.path());
+  platform::SetRootForTest(root());
   EXPECT_NEAR(static_cast<double>(platform::NowSeconds()), 1500000000.0, 5);
 
   EXPECT_EQ(platform::SetClock(-1), -1);
@@ -180,9 +178,7 @@ TEST_F(BoardTest, ClockIsTheMachinesPlusTheBoardsOffset) {
   platform::BoardOptions options;
   options.set_clock = true;
   options.clock = 1400000000;
-  std::string error;
-  ASSERT_EQ(platform::MakeBoardRoot(early.path(), options, &error), 0) << error;
-  platform::SetRootForTest(early.path());
+  testsupport::UseBoard(early.path(), options);
   EXPECT_NEAR(static_cast<double>(platform::NowSeconds()), 1400000000.0, 5);
 }
 
@@ -192,7 +188,7 @@ TEST_F(BoardTest, FindProcessSeesOnlyProgramsOfTheBoard) {
   EXPECT_EQ(platform::FindProcess("sleep"), -1);
 
   // a copy of it under the board does, by executable
-  const std::string daemon = dir_.path() + "/bin/ipcamera-daemon";
+  const std::string daemon = root() + "/bin/ipcamera-daemon";
   std::filesystem::copy_file("/bin/sleep", daemon);
   chmod(daemon.c_str(), 0755);
   testsupport::Process inside({daemon, "30"}, {});
@@ -200,7 +196,7 @@ TEST_F(BoardTest, FindProcessSeesOnlyProgramsOfTheBoard) {
       [&] { return platform::FindProcess("ipcamera-daemon") == inside.pid(); }));
 
   // and a script of the board, by its path on the command line
-  const std::string script = dir_.path() + "/bin/helper-daemon";
+  const std::string script = root() + "/bin/helper-daemon";
   WriteFile(script, "#!/bin/sh\nsleep 30\n");
   chmod(script.c_str(), 0755);
   testsupport::Process scripted({script}, {});

@@ -13,6 +13,7 @@
 
 #include "platform/board.h"
 #include "platform/boardmaker.h"
+#include "support/boardfixture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -56,16 +57,14 @@ int OnCard(int line, int event) {
   return 0;
 }
 
-class HwlibTest : public ::testing::Test {
+class HwlibTest : public testsupport::BoardFixture {
  protected:
   void SetUp() override {
-    std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), platform::BoardOptions{}, &error), 0) << error;
-    platform::SetRootForTest(dir_.path());
+    BoardFixture::SetUp();
     g_received = &received_;
   }
   void TearDown() override {
-    platform::SetRootForTest("");  // stops the event thread before received_ goes
+    BoardFixture::TearDown();  // stops the event thread before received_ goes
     g_received = nullptr;
   }
 
@@ -74,13 +73,12 @@ class HwlibTest : public ::testing::Test {
 
   // Writes lines into the board's event fifo as a person or another process would.
   void WriteEvents(const std::string& text) {
-    int fd = open((dir_.path() + "/sys/hub/events").c_str(), O_WRONLY | O_CLOEXEC);
+    int fd = open((root() + "/sys/hub/events").c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     close(fd);
   }
 
-  testsupport::TempDir dir_;
   Received received_;
 };
 
@@ -92,12 +90,12 @@ TEST_F(HwlibTest, MacLedAndStationDropActOnTheBoard) {
   EXPECT_EQ(get_hub_mac("../../etc", mac, sizeof(mac)), -1);
   EXPECT_EQ(get_hub_mac("eth0/../../x", mac, sizeof(mac)), -1);
   EXPECT_EQ(get_hub_mac("wlan9", mac, sizeof(mac)), -1);
-  testsupport::WriteFile(dir_.path() + "/sys/class/net/ra0/address", "not a mac\n");
+  testsupport::WriteFile(root() + "/sys/class/net/ra0/address", "not a mac\n");
   EXPECT_EQ(get_hub_mac("ra0", mac, sizeof(mac)), -1);
 
   EXPECT_EQ(platform::CurrentLedPattern(), 0);
   ASSERT_EQ(led_set_pattern(5), 0);
-  EXPECT_EQ(ReadFile(dir_.path() + "/sys/hub/led"), "5\n");
+  EXPECT_EQ(ReadFile(root() + "/sys/hub/led"), "5\n");
   EXPECT_EQ(platform::CurrentLedPattern(), 5);
   EXPECT_EQ(led_set_pattern(6), -1);
   EXPECT_EQ(led_set_pattern(0), -1);
@@ -109,7 +107,7 @@ TEST_F(HwlibTest, MacLedAndStationDropActOnTheBoard) {
   EXPECT_EQ(disconnect_mac("1122334455667"), -1);
   EXPECT_EQ(disconnect_mac("11:22:33:44:55"), -1);
   EXPECT_EQ(disconnect_mac("';reboot;'"), -1);
-  EXPECT_EQ(ReadFile(dir_.path() + "/sys/hub/ap_disconnect"), "0A1B2C3D4E5F\n112233445566\n");
+  EXPECT_EQ(ReadFile(root() + "/sys/hub/ap_disconnect"), "0A1B2C3D4E5F\n112233445566\n");
 }
 
 TEST_F(HwlibTest, InjectedEventsReachTheHandlersOnOneThreadAndMoveTheRegisterBits) {
@@ -121,7 +119,7 @@ TEST_F(HwlibTest, InjectedEventsReachTheHandlersOnOneThreadAndMoveTheRegisterBit
 
   platform::InjectCardEvent(true);
   EXPECT_FALSE(NoCardBit());  // the bits follow before the handler runs
-  EXPECT_TRUE(FileExists(dir_.path() + "/dev/mmcblk0p1"));
+  EXPECT_TRUE(FileExists(root() + "/dev/mmcblk0p1"));
   platform::InjectKeyEvent(1, 2);
   EXPECT_TRUE(ButtonBit());
   ASSERT_TRUE(received_.WaitCount(2));
@@ -129,7 +127,7 @@ TEST_F(HwlibTest, InjectedEventsReachTheHandlersOnOneThreadAndMoveTheRegisterBit
   platform::InjectCardEvent(false);
   EXPECT_FALSE(ButtonBit());
   EXPECT_TRUE(NoCardBit());
-  EXPECT_FALSE(FileExists(dir_.path() + "/dev/mmcblk0p1"));
+  EXPECT_FALSE(FileExists(root() + "/dev/mmcblk0p1"));
   ASSERT_TRUE(received_.WaitCount(4));
 
   EXPECT_EQ(received_.Events(),
@@ -175,11 +173,11 @@ TEST_F(HwlibTest, EventsFromTheBoardFifo) {
 }
 
 TEST_F(HwlibTest, RegistersAreReadFromTheBoardFiles) {
-  testsupport::WriteFile(dir_.path() + "/sys/hub/reg/1572", "64\n");
+  testsupport::WriteFile(root() + "/sys/hub/reg/1572", "64\n");
   EXPECT_EQ(reg_read(kRegKeys), 64u);
-  testsupport::WriteFile(dir_.path() + "/sys/hub/reg/1572", "0xffffffff");
+  testsupport::WriteFile(root() + "/sys/hub/reg/1572", "0xffffffff");
   EXPECT_EQ(reg_read(kRegKeys), 0xffffffffu);
-  testsupport::WriteFile(dir_.path() + "/sys/hub/reg/1572", "garbage");
+  testsupport::WriteFile(root() + "/sys/hub/reg/1572", "garbage");
   EXPECT_EQ(reg_read(kRegKeys), 0u);
   EXPECT_EQ(reg_read(1234), 0u);  // no such register on the board
   EXPECT_EQ(reg_read(-1), 0u);

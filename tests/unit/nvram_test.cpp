@@ -6,6 +6,7 @@
 
 #include "platform/board.h"
 #include "platform/boardmaker.h"
+#include "support/boardfixture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -15,9 +16,7 @@ using testsupport::ReadFile;
 class NvramTest : public ::testing::Test {
  protected:
   void MakeBoard(const platform::BoardOptions& options = {}) {
-    std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), options, &error), 0) << error;
-    platform::SetRootForTest(dir_.path());
+    testsupport::UseBoard(dir_.path(), options);
   }
   void TearDown() override { platform::SetRootForTest(""); }
 

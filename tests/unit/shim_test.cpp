@@ -13,6 +13,7 @@
 #include "platform/boardmaker.h"
 #include "platform/hwlib.h"
 #include "platform/nvram.h"
+#include "support/boardfixture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -26,19 +27,19 @@ struct Result {
   std::string output;
 };
 
-class ShimTest : public ::testing::Test {
+class ShimTest : public testsupport::BoardFixture {
  protected:
+  platform::BoardOptions Options() const override {
+    platform::BoardOptions options;
+    options.shim = testsupport::BinPath("tarvo-shim");
+    return options;
+  }
   void SetUp() override {
     ASSERT_TRUE(FileExists(testsupport::BinPath("tarvo-shim")))
         << "build tarvo-shim first (ninja tarvo-shim)";
-    platform::BoardOptions options;
-    options.shim = testsupport::BinPath("tarvo-shim");
-    std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), options, &error), 0) << error;
-    platform::SetRootForTest(dir_.path());
-    root_ = dir_.path();
+    BoardFixture::SetUp();
+    root_ = root();
   }
-  void TearDown() override { platform::SetRootForTest(""); }
 
   // Runs a shell command through the platform, standard error folded into the output.
   Result Run(const std::string& command) {
@@ -54,7 +55,6 @@ class ShimTest : public ::testing::Test {
   }
   std::string B(const std::string& path) { return platform::BoardPath(path); }
 
-  testsupport::TempDir dir_;
   std::string root_;
 };
 

@@ -14,6 +14,7 @@
 #include "platform/boardfs.h"
 #include "platform/boardmaker.h"
 #include "platform/ucifile.h"
+#include "support/boardfixture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -21,27 +22,22 @@ namespace {
 using testsupport::ReadFile;
 using testsupport::WriteFile;
 
-class UciTest : public ::testing::Test {
+class UciTest : public testsupport::BoardFixture {
  protected:
-  void SetUp() override {
+  platform::BoardOptions Options() const override {
     platform::BoardOptions options;
     options.cameras = {{"0A1B2C3D4E5F", ""}, {"112233445566", ""}};
-    std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(dir_.path(), options, &error), 0) << error;
-    platform::SetRootForTest(dir_.path());
+    return options;
   }
-  void TearDown() override { platform::SetRootForTest(""); }
 
   std::string Get(const std::string& key) {
     char out[256];
     if (zcfg_uci_get(key.c_str(), out, sizeof(out)) != 0) return "<absent>";
     return out;
   }
-  std::string Package(const std::string& name) {
-    return ReadFile(dir_.path() + "/etc/config/" + name);
-  }
+  std::string Package(const std::string& name) { return ReadFile(root() + "/etc/config/" + name); }
   void PutPackage(const std::string& name, const std::string& text) {
-    WriteFile(dir_.path() + "/etc/config/" + name, text);
+    WriteFile(root() + "/etc/config/" + name, text);
   }
   std::vector<std::string> Sections(const std::string& package, int max = 16) {
     char list[16][kUciSectionNameLen];
@@ -52,8 +48,6 @@ class UciTest : public ::testing::Test {
     if (n < 0) out.push_back("<error>");
     return out;
   }
-
-  testsupport::TempDir dir_;
 };
 
 TEST_F(UciTest, ReadsTheBoardsPackagesByNameAndByTypeIndex) {
@@ -172,7 +166,7 @@ TEST_F(UciTest, MalformedPackageIsRefusedAndNeverOverwritten) {
     EXPECT_EQ(Sections("p2p"), std::vector<std::string>{"<error>"});
     EXPECT_EQ(Package("p2p"), text);
     ASSERT_FALSE(logged.empty());
-    EXPECT_NE(logged[0].find("malformed package p2p (" + dir_.path() + "/etc/config/p2p) line "),
+    EXPECT_NE(logged[0].find("malformed package p2p (" + root() + "/etc/config/p2p) line "),
               std::string::npos)
         << logged[0];
   }
@@ -219,12 +213,12 @@ TEST_F(UciTest, CrashBetweenWriteAndRenameLeavesTheOldPackage) {
 
   EXPECT_EQ(Package("hub_config"), before);
   std::vector<std::string> stale;
-  for (const auto& entry : std::filesystem::directory_iterator(dir_.path() + "/etc/config")) {
+  for (const auto& entry : std::filesystem::directory_iterator(root() + "/etc/config")) {
     const std::string name = entry.path().filename().string();
     if (name.rfind(".hub_config.", 0) == 0) stale.push_back(name);
   }
   ASSERT_EQ(stale.size(), 1u);  // the half-finished write, fully written but never renamed
-  EXPECT_NE(ReadFile(dir_.path() + "/etc/config/" + stale[0]).find("'55'"), std::string::npos);
+  EXPECT_NE(ReadFile(root() + "/etc/config/" + stale[0]).find("'55'"), std::string::npos);
 
   EXPECT_EQ(Get("hub_config.power.threshold"), "20");
   ASSERT_EQ(zcfg_uci_set("hub_config.power.threshold", "30"), 0);
