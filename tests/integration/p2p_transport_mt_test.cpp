@@ -20,6 +20,7 @@
 #include "p2p/transport.h"
 #include "p2p/viewer.h"
 #include "p2p/wire.h"
+#include "support/logcapture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -217,9 +218,12 @@ TEST_F(P2pTransport, FourSessionsAtOnceAndTheFifthIsRefused) {
 }
 
 TEST_F(P2pTransport, WrongUidOrPasswordIsRefusedWithoutASession) {
+  testsupport::LogCapture log;
   p2p::Viewer v;
   EXPECT_EQ(IOTC_ER_UNKNOWN_DEVICE, v.Connect("127.0.0.1", port_, "OTHERUID", kPassword, kWait));
+  EXPECT_TRUE(log.Wait("P2P session request from 127\\.0\\.0\\.1:[0-9]+ refused \\(-28\\)"));
   EXPECT_EQ(IOTC_ER_WRONG_PASSWORD, v.Connect("127.0.0.1", port_, kUid, "004218", kWait));
+  EXPECT_TRUE(log.Wait("P2P session request from 127\\.0\\.0\\.1:[0-9]+ refused \\(-29\\)"));
   EXPECT_EQ(IOTC_ER_WRONG_PASSWORD, v.Connect("127.0.0.1", port_, kUid, "", kWait));
   EXPECT_EQ(IOTC_ER_WRONG_PASSWORD, v.Connect("127.0.0.1", port_, kUid, "0042170", kWait));
   EXPECT_EQ(IOTC_ER_TIMEOUT, IOTC_Listen(100));
