@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +25,7 @@
 #include "platform/board.h"
 #include "platform/boardmaker.h"
 #include "platform/uci.h"
+#include "server/client.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -42,7 +44,7 @@ class BoardEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
     g_board = new testsupport::TempDir();
-    platform::BoardSpec layout;
+    platform::BoardOptions layout;
     layout.mac = kHub;
     layout.cameras.push_back({kCam, ""});  // no ARP entry: UDP wakes end at once
     layout.force = true;
@@ -121,14 +123,6 @@ int Disconnects() {
   return count;
 }
 
-struct FakeViewers : channel::FrameSink {
-  std::atomic<bool> watching{false};
-  std::atomic<int> video{0}, audio{0};
-  bool HasLiveClient() override { return watching.load(); }
-  int TranVideoData(const _net_cmd_type*) override { return ++video; }
-  int TranAudioData(const _net_cmd_type*) override { return ++audio; }
-};
-
 struct FakeRecorder : channel::EventSink {
   std::atomic<bool> recording{false};
   std::atomic<int> events{0}, video{0}, audio{0}, stops{0}, forced{0};
@@ -156,11 +150,8 @@ struct FakeRecorder : channel::EventSink {
 class Channel : public ::testing::Test {
  protected:
   void SetUp() override {
-    viewers = std::make_shared<FakeViewers>();
     recorder = std::make_shared<FakeRecorder>();
-    channel::SetSinkFactory([this](channel::LiveChannel&) {
-      return channel::Sinks{viewers, recorder};
-    });
+    channel::SetSinkFactory([this](channel::LiveChannel&) { return channel::Sinks{recorder}; });
     auto cam = std::make_shared<camera::Camera>(kCam);
     cam->SetRecordLength(1);
     ch = std::make_unique<channel::LiveChannel>(cam, "02:1a:2b:3c:4d:5e");
@@ -203,7 +194,6 @@ class Channel : public ::testing::Test {
     return poll(&p, 1, 50) == 0;
   }
 
-  std::shared_ptr<FakeViewers> viewers;
   std::shared_ptr<FakeRecorder> recorder;
   std::unique_ptr<channel::LiveChannel> ch;
   int peer = -1;
@@ -330,23 +320,36 @@ TEST_F(Channel, NightModeAckAnswersItsRequest) {
 }
 
 TEST_F(Channel, VideoWithoutViewerStopsTheStream) {
-  const Bytes piece = Frame(kZero, 0x8A, 0, Bytes(16400, 0x33));
-  CameraSends(piece);
+  // One piece holding a whole 100-byte frame with index 0.
+  Bytes piece(16400, 0);
+  piece[0] = 100;
+  const Bytes frame = {0, 0, 0, 1, 0x65};
+  std::copy(frame.begin(), frame.end(), piece.begin() + 16);
+  CameraSends(Frame(kZero, 0x8A, 0, piece));
   Bytes sent = HubSent();
   ASSERT_EQ(sent.size(), 34u);
   EXPECT_EQ(sent[28], 0x01);
   EXPECT_EQ(sent[29], 0x03);
 
-  viewers->watching = true;
-  CameraSends(piece);
+  // A viewer on an AV channel the transport does not know: the frame and the audio reach the
+  // sends, which fail without ending the viewer.
+  LogCapture log;
+  client::Client viewer(0);
+  viewer.SetAvIndex(0);
+  ch->RegisteVideoForLiveClient(&viewer);
+  CameraSends(Frame(kZero, 0x8A, 0, piece));
   CameraSends(Frame(kZero, 0x8A, 1, Bytes(328, 0xD5)));
-  EXPECT_EQ(viewers->video.load(), 1);
-  EXPECT_EQ(viewers->audio.load(), 1);
+  EXPECT_TRUE(log.Has("send video frame error: "));
+  EXPECT_TRUE(log.Has("Send audio frame error: "));
+  EXPECT_EQ(ch->LastFrameIndex(), 1u);
   EXPECT_TRUE(NothingSent());
 
   // Media addressed to the hub is not media.
-  CameraSends(Frame(kHubAddr, 0x8A, 0, Bytes(100, 0)));
-  EXPECT_EQ(viewers->video.load(), 1);
+  CameraSends(Frame(kHubAddr, 0x8A, 0, piece));
+  EXPECT_EQ(ch->LastFrameIndex(), 1u);
+  viewer.SetAvIndex(-1);
+  ch->UnRegisteVideoForLiveClient(&viewer);
+  EXPECT_EQ(HubSent()[29], 0x03);
 }
 
 TEST_F(Channel, MotionEventTakesTheMediaUntilItsLengthIsReached) {
