@@ -193,10 +193,10 @@ struct World {
     char tmpl[] = "/tmp/tarvo-bench-board-XXXXXX";
     if (mkdtemp(tmpl) == nullptr) return;
     board = tmpl;
-    platform::BoardSpec spec;
-    spec.force = true;
+    platform::BoardOptions options;
+    options.force = true;
     std::string error;
-    if (platform::MakeBoardRoot(board, spec, &error) != 0) {
+    if (platform::MakeBoardRoot(board, options, &error) != 0) {
       std::fprintf(stderr, "board: %s\n", error.c_str());
       return;
     }

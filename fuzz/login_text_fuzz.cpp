@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   std::atexit(RemoveBoard);
   const std::string root = std::string(dir) + "/root";
   std::string error;
-  if (platform::MakeBoardRoot(root, platform::BoardSpec(), &error) != 0) std::abort();
+  if (platform::MakeBoardRoot(root, platform::BoardOptions(), &error) != 0) std::abort();
   platform::SetRootForTest(root);
   FILE* token = std::fopen((root + "/etc/zelo/device.token").c_str(), "w");
   if (token == nullptr) std::abort();

@@ -33,7 +33,7 @@ class LoopEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
     g_board = new testsupport::TempDir();
-    platform::BoardSpec layout;
+    platform::BoardOptions layout;
     layout.mac = kHub;
     layout.cameras.push_back({kCam, ""});
     layout.force = true;

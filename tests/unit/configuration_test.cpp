@@ -28,7 +28,7 @@ class Identity : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(root_, platform::BoardSpec(), &error), 0) << error;
+    ASSERT_EQ(platform::MakeBoardRoot(root_, platform::BoardOptions(), &error), 0) << error;
     platform::SetRootForTest(root_);
     tlog::SetCaptureSink([this](int, const std::string& text) {
       std::lock_guard<std::mutex> lock(mutex_);

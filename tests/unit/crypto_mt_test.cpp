@@ -29,7 +29,7 @@ class CryptoThreads : public ::testing::Test {
     static testsupport::TempDir dir;
     const std::string root = dir.path() + "/root";
     std::string error;
-    ASSERT_EQ(0, platform::MakeBoardRoot(root, platform::BoardSpec(), &error)) << error;
+    ASSERT_EQ(0, platform::MakeBoardRoot(root, platform::BoardOptions(), &error)) << error;
     platform::SetRootForTest(root);
     testsupport::WriteFile(root + "/etc/zelo/device.token", kToken + "\n");
     Configuration::getInstance().SetDeviceKey(kDeviceKey);

@@ -66,7 +66,7 @@ class HubAuth : public ::testing::Test {
     g_dir = new testsupport::TempDir();
     g_root = g_dir->path() + "/root";
     std::string error;
-    ASSERT_EQ(0, platform::MakeBoardRoot(g_root, platform::BoardSpec(), &error)) << error;
+    ASSERT_EQ(0, platform::MakeBoardRoot(g_root, platform::BoardOptions(), &error)) << error;
     platform::SetRootForTest(g_root);
     testsupport::WriteFile(g_root + "/etc/zelo/device.token", kToken + "\n");
     Configuration::getInstance().SetDeviceKey(kDeviceKey);
