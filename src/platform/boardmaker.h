@@ -32,9 +32,6 @@ struct BoardOptions {
   bool force = false;  // write into a folder that is not empty
 };
 
-// The name the first tests knew it by.
-using BoardSpec = BoardOptions;
-
 // Checks every value of the options; false with a reason.
 bool ValidateBoardOptions(const BoardOptions& options, std::string* error);
 
