@@ -407,9 +407,14 @@ TEST_F(LiveView, AMovedViewerStopsTheCameraItLeftOnlyWhenNobodyElseWatchesAndTal
   ASSERT_GE(alaw.size(), 32000u);
   const std::string source = board_.path() + "/tmp/talk-source.alaw";
   testsupport::WriteFile(source, std::string(alaw.begin(), alaw.begin() + 32000));
-  auto tool = Viewer({"--live", kCamB, "--talk", source, "--hold", "1"});
+  // It also asks for the smaller picture once its first frame has come.
+  auto tool = Viewer({"--live", kCamB, "--talk", source, "--hold", "1", "--set-quality", "1"});
   ASSERT_EQ(0, ExitCode(tool->Wait(60s))) << ::testing::PrintToString(tool->Lines());
   EXPECT_TRUE(tool->HasLine("^talk frames 100 bytes 32000$"));
+  EXPECT_TRUE(tool->HasLine("^quality 1$"));
+  EXPECT_TRUE(WaitFor([&] { return Lines("Set video quality to 1 success") >= 1; }));
+  EXPECT_EQ(1280, b.GetStats().width);
+  EXPECT_EQ(720, b.GetStats().height);
   ASSERT_TRUE(b.WaitUntil([](const camsim::Stats& s) { return s.talk_frames >= 90; }, 20s));
   Bytes expected;
   for (size_t k = 0; k < 100; k++) {
