@@ -14,7 +14,7 @@ bash scripts/install-deps.sh
 
 build=${TARVO_BUILD_DIR:-build}
 view_seconds=${VIEW_SECONDS:-5}
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B "$build" -G Ninja >/dev/null
 ninja -C "$build" tarvo-p2p tarvo-mkboard tarvo-shim tarvo-cloudsim tarvo-camsim tarvo-viewer
 
 out=$PWD/out

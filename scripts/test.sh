@@ -17,7 +17,7 @@ ctest_args=(--output-on-failure --no-tests=error -j "$jobs" --timeout 300)
 
 configure() {  # dir, extra cmake args...
   local dir=$1; shift
-  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
 }
 
 for stage in "${stages[@]}"; do
