@@ -18,11 +18,8 @@ TEST(EventLoop, PostedWorkRunsOnTheLoopThreadInOrderAndChildrenKeepTheirStatus) 
   testsupport::MakeBoard(dir.path() + "/root");
   platform::SetRootForTest(dir.path() + "/root");
 
-  std::thread::id loop_thread;
-  std::thread runner([&] {
-    eventloop::RunInLoop([&] { loop_thread = std::this_thread::get_id(); });
-    eventloop::Run();
-  });
+  std::thread runner([] { eventloop::Run(); });
+  const std::thread::id loop_thread = runner.get_id();
 
   std::vector<int> seen;  // touched only on the loop thread
   std::atomic<int> done{0};
