@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -14,55 +13,37 @@
 
 #include "core/log.h"
 #include "platform/board.h"
-#include "platform/boardmaker.h"
 #include "platform/hwlib.h"
 #include "platform/nvram.h"
 #include "platform/uci.h"
+#include "support/boardfixture.h"
+#include "support/logcapture.h"
 #include "support/testsupport.h"
 
 using namespace testsupport;
 
 namespace {
 
-class Identity : public ::testing::Test {
+class Identity : public BoardFixture {
  protected:
-  void SetUp() override {
-    std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(root_, platform::BoardOptions(), &error), 0) << error;
-    platform::SetRootForTest(root_);
-    tlog::SetCaptureSink([this](int, const std::string& text) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      logs_.push_back(text);
-    });
-  }
-  void TearDown() override { tlog::SetCaptureSink({}); }
-
-  std::string Board(const std::string& path) const { return root_ + path; }
-  // The texts logged by one function of the configuration unit, in order.
-  std::vector<std::string> LogsOf(const std::string& function) {
-    std::lock_guard<std::mutex> lock(mutex_);
+  // The texts logged by one function of the configuration unit since from, in order.
+  std::vector<std::string> LogsOf(const std::string& function, size_t from = 0) {
+    const std::vector<std::string> lines = log_.Lines();
     std::vector<std::string> texts;
     const std::regex head("^configuration " + function + ":[0-9]+: (.*)$");
     std::smatch m;
-    for (const auto& l : logs_)
-      if (std::regex_match(l, m, head)) texts.push_back(m[1]);
+    for (size_t i = from; i < lines.size(); i++)
+      if (std::regex_match(lines[i], m, head)) texts.push_back(m[1]);
     return texts;
   }
-  bool Logged(const std::string& fragment) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& l : logs_)
-      if (l.find(fragment) != std::string::npos) return true;
+  bool Logged(const std::string& fragment, size_t from = 0) {
+    const std::vector<std::string> lines = log_.Lines();
+    for (size_t i = from; i < lines.size(); i++)
+      if (lines[i].find(fragment) != std::string::npos) return true;
     return false;
   }
-  void ClearLogs() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    logs_.clear();
-  }
 
-  TempDir dir_;
-  const std::string root_ = dir_.path() + "/root";
-  std::mutex mutex_;
-  std::vector<std::string> logs_;
+  LogCapture log_;
 };
 
 // ---- provisioning files
@@ -163,12 +144,12 @@ TEST_F(DeviceConfig, WrittenOnceFromNvramAndNeverRewritten) {
 
   // nvram changes later; the file the agent reads stays as it was
   SetNvram({{"did", "999"}, {"key", "OtherKey"}, {"mac", "FFEEDDCCBBAA"}, {"uid", "UID2"}});
-  ClearLogs();
+  const size_t mark = log_.Mark();
   config.InitDeviceConfig();
   EXPECT_EQ(ReadFile(Board("/etc/zelo/device.conf")), kExpectedConf);
   EXPECT_EQ(config.GetP2pUid(), "UID2");
   EXPECT_EQ(config.GetDeviceKey(), "OtherKey");
-  EXPECT_FALSE(Logged("Generate device.conf"));
+  EXPECT_FALSE(Logged("Generate device.conf", mark));
 }
 
 TEST_F(DeviceConfig, AnOverlongUidIsDroppedNotCut) {

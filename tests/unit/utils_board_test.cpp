@@ -3,46 +3,29 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "core/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
-#include "platform/boardmaker.h"
 #include "platform/uci.h"
+#include "support/boardfixture.h"
+#include "support/logcapture.h"
 #include "support/testsupport.h"
 
 using namespace testsupport;
 
 namespace {
 
-class OnBoard : public ::testing::Test {
+class OnBoard : public BoardFixture {
  protected:
-  void SetUp() override {
-    std::string error;
-    ASSERT_EQ(platform::MakeBoardRoot(root_, platform::BoardOptions(), &error), 0) << error;
-    platform::SetRootForTest(root_);
-    tlog::SetCaptureSink([this](int, const std::string& text) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      logs_.push_back(text);
-    });
-  }
-  void TearDown() override { tlog::SetCaptureSink({}); }
-
-  std::string Board(const std::string& path) const { return root_ + path; }
   bool Logged(const std::string& fragment) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& l : logs_)
+    for (const auto& l : log_.Lines())
       if (l.find(fragment) != std::string::npos) return true;
     return false;
   }
 
-  TempDir dir_;
-  const std::string root_ = dir_.path() + "/root";
-  std::mutex mutex_;
-  std::vector<std::string> logs_;
+  LogCapture log_;
 };
 
 TEST_F(OnBoard, DeviceConfigValuesByKey) {
