@@ -14,7 +14,6 @@
 #include <cstring>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,12 +21,12 @@
 #include "camera/camera.h"
 #include "camera/livechannel.h"
 #include "camsim/camsimwire.h"
-#include "core/log.h"
 #include "crypto/hubauth.h"
 #include "crypto/stream_encrypt.h"
 #include "p2p/iotc.h"
 #include "p2p/viewer.h"
 #include "server/client.h"
+#include "support/logcapture.h"
 #include "support/testsupport.h"
 #include "viewer/viewerframe.h"
 
@@ -51,29 +50,6 @@ int AcceptAll(char*, char*) {
 int64_t AwakeUptime() {
   return 5000;  // a camera that sent a frame just now: commands go out at once
 }
-
-// Records captured while the object lives.
-class LogCapture {
- public:
-  LogCapture() {
-    tlog::SetCaptureSink([this](int, const std::string& text) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back(text);
-    });
-  }
-  ~LogCapture() { tlog::SetCaptureSink({}); }
-  int Count(const std::string& piece) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) {
-      return l.find(piece) != std::string::npos;
-    }));
-  }
-  bool Has(const std::string& piece) { return Count(piece) > 0; }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> lines_;
-};
 
 // An Annex B frame of n bytes: one slice (IDR for a key frame) with bytes that never form a
 // start code.
@@ -297,7 +273,7 @@ TEST_F(LiveForward, TwoViewersGetEveryFrameAndPacketDecryptedByteForByte) {
 }
 
 TEST_F(LiveForward, ReassemblyRefusesOverlongFramesAndDropsPartialOnes) {
-  LogCapture log;
+  testsupport::LogCapture log;
   ViewerSlot& a = OpenViewer();
   ch_->RegisteVideoForLiveClient(a.client.get());
 
@@ -328,7 +304,7 @@ TEST_F(LiveForward, ReassemblyRefusesOverlongFramesAndDropsPartialOnes) {
   CameraSends(out_.data(), static_cast<size_t>(piece));
   const Bytes whole = MakeFrame(20000, true, 5);
   SendFrame(whole, 9);
-  EXPECT_TRUE(log.Has("****last_frame_index: 3 != item_index: 9***, drop it"));
+  EXPECT_TRUE(log.Has(R"(\*{4}last_frame_index: 3 != item_index: 9\*{3}, drop it)"));
   EXPECT_EQ(10u, ch_->LastFrameIndex());
 
   // Only the whole frame reached the viewer.
@@ -360,7 +336,7 @@ TEST_F(LiveForward, TranVideoDataCountsPiecesAndReturnsTheNextIndex) {
 }
 
 TEST_F(LiveForward, RegistrationAsymmetriesAndTheStopCommandOnce) {
-  LogCapture log;
+  testsupport::LogCapture log;
   ViewerSlot& a = OpenViewer();
   ViewerSlot& b = OpenViewer();
   client::Client* ca = a.client.get();
@@ -424,7 +400,7 @@ TEST_F(LiveForward, StartAvStreamAsksTheCameraToStream) {
 }
 
 TEST_F(LiveForward, ViewersThatAreGoneLeaveTheList) {
-  LogCapture log;
+  testsupport::LogCapture log;
   ViewerSlot& a = OpenViewer();
   ViewerSlot& b = OpenViewer();
   ViewerSlot& c = OpenViewer();
@@ -453,7 +429,7 @@ TEST_F(LiveForward, ViewersThatAreGoneLeaveTheList) {
 }
 
 TEST_F(LiveForward, AViewerThatReadsNothingIsResetAndNeverHoldsUpTheOther) {
-  LogCapture log;
+  testsupport::LogCapture log;
   ViewerSlot& reader = OpenViewer();
   ViewerSlot& stalled = OpenViewer();
   ch_->RegisteVideoForLiveClient(reader.client.get());
