@@ -158,21 +158,13 @@ class LiveView : public ::testing::Test {
     ASSERT_TRUE(broker_.Start());
     testsupport::MakeBoard(board_.path(), {"--force", "--camera", std::string(kCamA) + "," + kIpA,
                                            "--camera", std::string(kCamB) + "," + kIpB});
-    hub_.ip = "127.0.0.1";
-    hub_.camera_port = testsupport::FreePort();
-    hub_.pairing_port = testsupport::FreePort();
-    hub_.wake_port = testsupport::FreePort();
-    p2p_port_ = testsupport::FreePort();
-    std::map<std::string, std::string> env = testsupport::BoardEnv(board_.path());
-    for (const auto& kv : broker_.Env()) env[kv.first] = kv.second;
-    env["TARVO_HUB_IP"] = hub_.ip;
-    env["TARVO_CAMERA_PORT"] = std::to_string(hub_.camera_port);
-    env["TARVO_PAIRING_PORT"] = std::to_string(hub_.pairing_port);
-    env["TARVO_WAKE_PORT"] = std::to_string(hub_.wake_port);
-    env["TARVO_P2P_PORT"] = std::to_string(p2p_port_);
-    daemon_ =
-        std::make_unique<Process>(std::vector<std::string>{testsupport::BinPath("tarvo-p2p")}, env);
-    ASSERT_NE("", daemon_->WaitForLine("Subscribed \\(mid: 3\\)", 20s));
+    const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
+    hub_.ip = env.at("TARVO_HUB_IP");
+    hub_.camera_port = testsupport::EnvPort(env, "TARVO_CAMERA_PORT");
+    hub_.pairing_port = testsupport::EnvPort(env, "TARVO_PAIRING_PORT");
+    hub_.wake_port = testsupport::EnvPort(env, "TARVO_WAKE_PORT");
+    p2p_port_ = testsupport::EnvPort(env, "TARVO_P2P_PORT");
+    ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
 
     creds_path_ = board_.path() + "/tmp/app-credentials";
     cloudsim::Options options;
