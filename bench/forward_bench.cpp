@@ -6,13 +6,9 @@
 // viewers are real sessions of the open P2P transport on loopback, drained by threads of their own;
 // batches are small enough that no send queue fills, and the forwarding is timed in this thread's
 // processor time, so the transport's network thread and the viewers do not count.
-#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
-#include <netinet/in.h>
 #include <sodium.h>
-#include <sys/socket.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,10 +16,10 @@
 #include <cstring>
 #include <future>
 #include <memory>
-#include <random>
 #include <thread>
 #include <vector>
 
+#include "benchsupport.h"
 #include "camera/camera.h"
 #include "camera/frame.h"
 #include "camera/livechannel.h"
@@ -36,52 +32,16 @@
 
 namespace {
 
+using benchsupport::AcceptAll;
+using benchsupport::FreePort;
+using benchsupport::kSlices;
+using benchsupport::SlicedFrame;
+
 constexpr int kViewers = 4;
 constexpr size_t kKeyFrameBytes = 150 * 1024;
 constexpr size_t kPFrameBytes = 20 * 1024;
-constexpr int kSlices = 4;
 const char kUid[] = "TARVOBENCH0000000001";
 const char kPassword[] = "271828";
-
-// Parameter sets (key frame) and kSlices slices filling about `bytes`; slice bytes never form a
-// start code.
-std::vector<uint8_t> Frame(size_t bytes, bool key) {
-  std::mt19937 random(key ? 1 : 2);
-  std::vector<uint8_t> frame;
-  if (key) {
-    frame.insert(frame.end(),
-                 {0,    0,    0,    1, 0x67, 0x64, 0x00, 0x28, 0xAC, 0xD9, 0x40, 0x78, 0x02, 0x27,
-                  0xE5, 0xC0, 0x44, 0, 0,    0,    1,    0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0});
-  }
-  const size_t slice = (bytes - frame.size()) / kSlices - 4;
-  for (int s = 0; s < kSlices; s++) {
-    frame.insert(frame.end(), {0, 0, 0, 1, static_cast<uint8_t>(key ? 0x65 : 0x41)});
-    for (size_t i = 1; i < slice; i++) {
-      uint8_t b = static_cast<uint8_t>(random());
-      if (b == 0 && frame.back() == 0) b = 0x80;
-      frame.push_back(b);
-    }
-  }
-  return frame;
-}
-
-uint16_t FreePort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(a);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-    std::abort();
-  }
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
-int AcceptAll(char*, char*) {
-  return 1;
-}
 
 double ThreadSeconds() {
   timespec ts;
@@ -149,7 +109,7 @@ Hub& TheHub() {
 void BM_ForwardToFourVsMemcpy(benchmark::State& state) {
   const bool key = state.range(0) != 0;
   Hub& hub = TheHub();
-  const std::vector<uint8_t> frame = Frame(key ? kKeyFrameBytes : kPFrameBytes, key);
+  const std::vector<uint8_t> frame = SlicedFrame(key ? kKeyFrameBytes : kPFrameBytes, key);
   std::vector<uint8_t> buffer(video::kFrameHeaderBytes + frame.size());
   std::memcpy(buffer.data() + video::kFrameHeaderBytes, frame.data(), frame.size());
   command::PutLe32(buffer.data(), static_cast<uint32_t>(frame.size()));

@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "benchsupport.h"
 #include "camera/camera.h"
 #include "camera/livechannel.h"
 #include "camsim/camsimwire.h"
@@ -38,6 +39,9 @@
 #include "server/client.h"
 
 namespace {
+
+using benchsupport::AcceptAll;
+using benchsupport::FreePort;
 
 using Clock = std::chrono::steady_clock;
 namespace wire = p2p::wire;
@@ -53,20 +57,6 @@ std::vector<uint8_t> Frame(size_t bytes, bool key, unsigned seed) {
   std::vector<uint8_t> f = {0, 0, 0, 1, static_cast<uint8_t>(key ? 0x65 : 0x41)};
   while (f.size() < bytes) f.push_back(static_cast<uint8_t>(1 + random() % 255));
   return f;
-}
-
-uint16_t FreePort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(a);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-    std::abort();
-  }
-  close(fd);
-  return ntohs(a.sin_port);
 }
 
 int Connect(uint16_t port) {
@@ -86,10 +76,6 @@ void SendAll(int fd, const uint8_t* p, size_t n) {
     p += r;
     n -= static_cast<size_t>(r);
   }
-}
-
-int AcceptAll(char*, char*) {
-  return 1;
 }
 
 // A viewer as bytes on a socket: it logs in, then notes when each video message's first byte

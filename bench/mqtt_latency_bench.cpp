@@ -26,6 +26,7 @@
 #include <string>
 #include <thread>
 
+#include "benchsupport.h"
 #include "cloud/mqttclient.h"
 #include "core/log.h"
 #include "platform/board.h"
@@ -33,19 +34,7 @@
 
 namespace {
 
-uint16_t FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(addr);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    std::abort();
-  }
-  close(fd);
-  return ntohs(addr.sin_port);
-}
+using benchsupport::FreePort;
 
 bool Accepts(uint16_t port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -10,38 +10,18 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <vector>
 
+#include "benchsupport.h"
 #include "crypto/stream_encrypt.h"
 
 namespace {
 
+using benchsupport::kSlices;
+using benchsupport::SlicedFrame;
+
 constexpr size_t kKeyFrameBytes = 150 * 1024;
 constexpr size_t kPFrameBytes = 20 * 1024;
-constexpr int kSlices = 4;
-
-// Parameter sets and kSlices slices filling about `bytes`, slice payload without start codes
-// (random bytes with every zero that follows a zero made 0x80, as emulation prevention ensures).
-std::vector<unsigned char> Frame(size_t bytes, bool key) {
-  std::mt19937 random(key ? 1 : 2);
-  std::vector<unsigned char> frame;
-  if (key) {
-    frame.insert(frame.end(),
-                 {0,    0,    0,    1, 0x67, 0x64, 0x00, 0x28, 0xAC, 0xD9, 0x40, 0x78, 0x02, 0x27,
-                  0xE5, 0xC0, 0x44, 0, 0,    0,    1,    0x68, 0xEB, 0xE3, 0xCB, 0x22, 0xC0});
-  }
-  const size_t slice = (bytes - frame.size()) / kSlices - 4;
-  for (int s = 0; s < kSlices; s++) {
-    frame.insert(frame.end(), {0, 0, 0, 1, static_cast<unsigned char>(key ? 0x65 : 0x41)});
-    for (size_t i = 1; i < slice; i++) {
-      unsigned char b = static_cast<unsigned char>(random());
-      if (b == 0 && frame.back() == 0) b = 0x80;
-      frame.push_back(b);
-    }
-  }
-  return frame;
-}
 
 struct Work {
   std::vector<unsigned char> out =
@@ -78,7 +58,7 @@ void Copy(Work& w, const std::vector<unsigned char>& frame) {
 
 void BM_VideoEncrypt(benchmark::State& state) {
   const std::vector<unsigned char> frame =
-      Frame(state.range(0) ? kKeyFrameBytes : kPFrameBytes, state.range(0) != 0);
+      SlicedFrame(state.range(0) ? kKeyFrameBytes : kPFrameBytes, state.range(0) != 0);
   Work w;
   Scan(w, frame);
   for (auto _ : state) benchmark::DoNotOptimize(Encrypt(w, frame));
@@ -89,7 +69,7 @@ BENCHMARK(BM_VideoEncrypt)->Arg(1)->Arg(0);
 
 void BM_UnitScan(benchmark::State& state) {
   const std::vector<unsigned char> frame =
-      Frame(state.range(0) ? kKeyFrameBytes : kPFrameBytes, state.range(0) != 0);
+      SlicedFrame(state.range(0) ? kKeyFrameBytes : kPFrameBytes, state.range(0) != 0);
   Work w;
   for (auto _ : state) benchmark::DoNotOptimize(Scan(w, frame));
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * frame.size()));
@@ -99,7 +79,7 @@ BENCHMARK(BM_UnitScan)->Arg(1)->Arg(0);
 
 void BM_Memcpy(benchmark::State& state) {
   const std::vector<unsigned char> frame =
-      Frame(state.range(0) ? kKeyFrameBytes : kPFrameBytes, state.range(0) != 0);
+      SlicedFrame(state.range(0) ? kKeyFrameBytes : kPFrameBytes, state.range(0) != 0);
   Work w;
   for (auto _ : state) Copy(w, frame);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * frame.size()));
@@ -117,7 +97,7 @@ double ThreadSeconds() {
 void BM_EncryptVsMemcpy(benchmark::State& state) {
   constexpr int kBatch = 32;  // frames per clock reading, so reading the clock costs nothing
   const std::vector<unsigned char> frame =
-      Frame(state.range(0) ? kKeyFrameBytes : kPFrameBytes, state.range(0) != 0);
+      SlicedFrame(state.range(0) ? kKeyFrameBytes : kPFrameBytes, state.range(0) != 0);
   Work w;
   double scan_s = 0, encrypt_s = 0, copy_s = 0;
   for (auto _ : state) {
