@@ -60,16 +60,23 @@ int MaskForLevel(int level) {
   return static_cast<int>((1u << (level + 1)) - 1u);
 }
 
-void Open(int level) {
+void OpenSyslog() {
   // On a board root the console is the development machine's own: records that syslog cannot
   // deliver are dropped there instead of being written to the machine's console.
   const int options = platform::Root().empty() ? (LOG_CONS | LOG_PID) : LOG_PID;
   openlog("tarvo-p2p", options, LOG_KERN);
-  g_mask.store(0xff);
-  { Record(LOG_INFO, __LINE__, __func__, __FILE__) << "Logger init " << level << "."; }
+  SetLevel(31);
+}
+
+void SetLevel(int level) {
   const int mask = MaskForLevel(level);
   setlogmask(mask);
   g_mask.store(mask);
+}
+
+void Open(int level) {
+  OpenSyslog();
+  SetLevel(level);
 }
 
 bool Enabled(int priority) {

@@ -13,8 +13,12 @@
 
 namespace tlog {
 
-// Opens the system log ("tarvo-p2p", LOG_CONS | LOG_PID, LOG_KERN), logs "Logger init %d." at
-// LOG_INFO and sets the mask to priorities 0..level. Levels above 31 let everything through.
+// Opens the system log ("tarvo-p2p", LOG_CONS | LOG_PID, LOG_KERN) with every priority let
+// through.
+void OpenSyslog();
+// Sets the mask to priorities 0..level. Levels above 31 let everything through.
+void SetLevel(int level);
+// OpenSyslog, then SetLevel: for programs other than the daemon.
 void Open(int level);
 
 // Mask of priorities 0..level, as given to setlogmask: 2^(level+1) - 1, saturating at all bits.

@@ -82,7 +82,9 @@ void Daemonize() {
 }
 
 void InitLogger(Option* option) {
-  tlog::Open(option->log_level);
+  tlog::OpenSyslog();
+  TLOG(LOG_INFO) << "Logger init " << static_cast<int>(option->log_level) << ".";
+  tlog::SetLevel(option->log_level);
 }
 
 void handler(int sig) {
