@@ -53,6 +53,12 @@ class HubEnvironment : public ::testing::Environment {
     InitMqtt();
     ASSERT_TRUE(g_log->Wait("Subscribed \\(mid: 3\\)", mark, 20s));
   }
+  // The broker is a process of its own: stop it, or it outlives the test program. The client
+  // thread keeps running until the program ends and only retries its connection meanwhile.
+  void TearDown() override {
+    delete g_broker;
+    g_broker = nullptr;
+  }
 };
 
 const auto* const g_env = ::testing::AddGlobalTestEnvironment(new HubEnvironment());
