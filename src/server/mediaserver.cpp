@@ -15,20 +15,20 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/log.h"
 #include "camera/frame.h"
 #include "camera/livechannel.h"
-#include "camera/pairing.h"
 #include "core/configuration.h"
 #include "core/eventloop.h"
-#include "core/log.h"
 #include "core/utils.h"
 #include "crypto/hubauth.h"
 #include "media/orump4playlist.h"
+#include "p2p/client.h"
 #include "p2p/iotc.h"
 #include "platform/board.h"
 #include "platform/hwlib.h"
 #include "platform/uci.h"
-#include "server/client.h"
+#include "server/pairing.h"
 
 std::atomic<server::MediaServer*> server_play{nullptr};
 
