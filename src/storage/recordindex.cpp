@@ -31,8 +31,6 @@ constexpr long long kMaxStartTime =
     std::numeric_limits<long>::max() < static_cast<long long>(std::numeric_limits<uint32_t>::max())
         ? std::numeric_limits<long>::max()
         : std::numeric_limits<uint32_t>::max();
-// One "deleteVideo" names at most this many events.
-constexpr size_t kMaxDeleteTimes = 1000;
 // Longest extension accepted by IsFileExist ("mp4", "jpeg").
 constexpr size_t kMaxExtension = 8;
 // How much of a refused message is logged.
@@ -237,6 +235,38 @@ int RemoveRecord(const std::string& path, uint32_t start) {
   return 0;
 }
 
+bool ParseDeleteRequest(const char* msg, DeleteRequest* request) {
+  if (request == nullptr || !cmdargs::GetId(msg, &request->id)) return false;
+  zelojson::Doc doc(msg);
+  json_object* params = doc.Get("params");
+  const size_t n = params != nullptr && json_object_is_type(params, json_type_array)
+                       ? json_object_array_length(params)
+                       : 0;
+  if (n < 2 || n > kMaxDeleteTimes + 1) {
+    TLOG(LOG_DEBUG) << "deleteVideo params must be [mac, time, ...] with 1 to " << kMaxDeleteTimes
+                    << " times: "
+                    << (params != nullptr ? zelojson::ToText(params).substr(0, kLoggedParams)
+                                          : std::string("(none)"));
+    return false;
+  }
+  if (!cmdargs::GetMac(json_object_array_get_idx(params, 0), &request->mac)) return false;
+  request->times.clear();
+  request->times.reserve(n - 1);
+  for (size_t i = 1; i < n; i++) {
+    json_object* item = json_object_array_get_idx(params, i);
+    int64_t t = 0;
+    if (!json_object_is_type(item, json_type_int) || !zelojson::GetInt64(item, &t) ||
+        !IsStartTime(t)) {
+      TLOG(LOG_DEBUG) << "deleteVideo time is not an event time: "
+                      << (item != nullptr ? zelojson::ToText(item).substr(0, kLoggedParams)
+                                          : std::string("null"));
+      return false;
+    }
+    request->times.push_back(static_cast<long>(t));
+  }
+  return true;
+}
+
 }  // namespace recordindex
 
 int GetTimestampPath(char* path, const char* mac) {
@@ -397,49 +427,19 @@ int RomoveTimestampAndFile(long timestamp, const char* mac) {
 
 int ProcMsgDeleteVideo(const char* msg) {
   TLOG(LOG_DEBUG) << "Delete camera pir video";
-  int id = 0;
-  if (!cmdargs::GetId(msg, &id)) return -1;
-  zelojson::Doc doc(msg);
-  json_object* params = doc.Get("params");
-  const size_t n = params != nullptr && json_object_is_type(params, json_type_array)
-                       ? json_object_array_length(params)
-                       : 0;
-  if (n < 2 || n > kMaxDeleteTimes + 1) {
-    TLOG(LOG_DEBUG) << "deleteVideo params must be [mac, time, ...] with 1 to " << kMaxDeleteTimes
-                    << " times: "
-                    << (params != nullptr ? zelojson::ToText(params).substr(0, kLoggedParams)
-                                          : std::string("(none)"));
+  recordindex::DeleteRequest request;
+  if (!recordindex::ParseDeleteRequest(msg, &request) || !cmdargs::IsKnownCamera(request.mac)) {
     return -1;
   }
-  std::string mac;
-  if (!cmdargs::GetMac(json_object_array_get_idx(params, 0), &mac) ||
-      !cmdargs::IsKnownCamera(mac)) {
-    return -1;
-  }
-  // Every time is checked before anything is removed.
-  std::vector<long> times;
-  times.reserve(n - 1);
-  for (size_t i = 1; i < n; i++) {
-    json_object* item = json_object_array_get_idx(params, i);
-    int64_t t = 0;
-    if (!json_object_is_type(item, json_type_int) || !zelojson::GetInt64(item, &t) ||
-        !IsStartTime(t)) {
-      TLOG(LOG_DEBUG) << "deleteVideo time is not an event time: "
-                      << (item != nullptr ? zelojson::ToText(item).substr(0, kLoggedParams)
-                                          : std::string("null"));
-      return -1;
-    }
-    times.push_back(static_cast<long>(t));
-  }
-  for (long t : times) {
+  for (long t : request.times) {
     TLOG(LOG_DEBUG) << "delete item: " << t;
-    if (RomoveTimestampAndFile(t, mac.c_str()) != 0) {
+    if (RomoveTimestampAndFile(t, request.mac.c_str()) != 0) {
       TLOG(LOG_DEBUG) << "Rm timestamp: " << t << " failed!";
       return -1;
     }
     TLOG(LOG_DEBUG) << "Rm timestamp: " << t << " succeed!";
   }
   char reply[64];
-  std::snprintf(reply, sizeof(reply), "{\"id\":%d,\"result\":[\"OK\"]}", id);
+  std::snprintf(reply, sizeof(reply), "{\"id\":%d,\"result\":[\"OK\"]}", request.id);
   return MqttCommandAck(reply) == 1 ? 0 : -1;
 }
