@@ -102,10 +102,10 @@ namespace recordindex {
 std::vector<Record> ParseRecords(const unsigned char* data, size_t size) {
   std::vector<Record> records;
   if (data == nullptr) return records;
-  const size_t whole = WholeRecords(size);
-  records.reserve(whole / kTimestampRecordSize);
-  for (size_t at = 0; at < whole; at += kTimestampRecordSize) {
-    records.push_back(Record{DecodeStart(data + at), data[at + 4]});
+  records.resize(size / kTimestampRecordSize);
+  for (size_t i = 0; i < records.size(); i++) {
+    const unsigned char* p = data + i * kTimestampRecordSize;
+    records[i] = Record{DecodeStart(p), p[4]};
   }
   return records;
 }
