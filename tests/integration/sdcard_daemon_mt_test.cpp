@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -18,8 +17,8 @@
 #include <vector>
 
 #include "cloudsim/cloudsim.h"
-#include "storage/recordindex.h"
 #include "support/broker.h"
+#include "support/recordtree.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -104,31 +103,13 @@ class CardHub : public ::testing::Test {
         &m, 10s, from);
   }
 
-  // An event of a camera on the card: clip, snapshot and index record.
+  std::string Root() const { return Card("/KELDA_RECORD_VIDEO"); }
   std::string EventFile(const std::string& mac, long t, const char* ext) const {
-    const time_t when = t;
-    struct tm local;
-    localtime_r(&when, &local);
-    char name[64];
-    std::strftime(name, sizeof(name), "/%Y%m%d%H/%MM%SS_", &local);
-    return Card("/KELDA_RECORD_VIDEO/") + mac + name + std::to_string(t) + "." + ext;
+    return testsupport::EventPath(Root(), mac, t, ext);
   }
-  std::string Index(const std::string& mac) const {
-    return Card("/KELDA_RECORD_VIDEO/") + mac + "/.timestamp";
-  }
-  void StoreEvent(const std::string& mac, long t) {
-    WriteFile(EventFile(mac, t, "mp4"), "clip");
-    WriteFile(EventFile(mac, t, "jpeg"), "jpeg");
-    ASSERT_EQ(recordindex::AppendRecord(Index(mac), static_cast<uint32_t>(t), 10), 0);
-  }
+  void StoreEvent(const std::string& mac, long t) { testsupport::StoreEvent(Root(), mac, t); }
   std::vector<uint32_t> IndexTimes(const std::string& mac) {
-    const std::string bytes = ReadFile(Index(mac));
-    std::vector<uint32_t> times;
-    for (const auto& r : recordindex::ParseRecords(
-             reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size())) {
-      times.push_back(r.start);
-    }
-    return times;
+    return testsupport::IndexTimes(Root() + "/" + mac + "/.timestamp");
   }
   // Every file below the folder with its size, to see that nothing changed.
   std::map<std::string, uintmax_t> Listing(const std::string& dir) {
