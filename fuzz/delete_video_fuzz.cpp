@@ -6,12 +6,21 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "core/log.h"
 #include "platform/board.h"
 #include "platform/boardmaker.h"
 #include "storage/recordindex.h"
+
+namespace {
+std::string g_board;
+void RemoveBoard() {
+  std::error_code ec;
+  std::filesystem::remove_all(g_board, ec);
+}
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool ready = [] {
@@ -23,6 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string error;
     if (platform::MakeBoardRoot(dir, options, &error) != 0) std::abort();
     platform::SetRootForTest(dir);
+    g_board = dir;
+    std::atexit(RemoveBoard);
     return true;
   }();
   (void)ready;
