@@ -9,10 +9,10 @@
 #include <filesystem>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
+#include "cloud/storagecmd.h"
 #include "platform/board.h"
 #include "platform/boardmaker.h"
-#include "storage/recordindex.h"
 
 namespace {
 std::string g_board;
@@ -41,13 +41,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string msg = !input.empty() && input[0] == '{'
                               ? input
                               : "{\"id\":7,\"method\":\"deleteVideo\",\"params\":" + input + "}";
-  recordindex::DeleteRequest request;
-  if (recordindex::ParseDeleteRequest(msg.c_str(), &request)) {
+  storagecmd::DeleteRequest request;
+  if (storagecmd::ParseDeleteRequest(msg.c_str(), &request)) {
     if (request.mac.size() != 12) std::abort();
     for (char c : request.mac) {
       if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) std::abort();
     }
-    if (request.times.empty() || request.times.size() > recordindex::kMaxDeleteTimes) std::abort();
+    if (request.times.empty() || request.times.size() > storagecmd::kMaxDeleteTimes) std::abort();
     for (long t : request.times) {
       if (t < 0 || t > 0xFFFFFFFFL) std::abort();
     }

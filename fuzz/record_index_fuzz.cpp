@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "storage/recordindex.h"
 
 namespace {
