@@ -111,6 +111,16 @@ Process::Process(const std::vector<std::string>& argv,
   for (auto& s : env_strings) envp.push_back(s.data());
   envp.push_back(nullptr);
   std::vector<std::string> argv_copy = argv;
+#ifdef TARVO_PROGRAM_EMULATOR
+  // A cross-built program of this build runs under the same emulator as the test itself.
+  const std::string bin_dir = std::string(TARVO_BIN_DIR) + "/";
+  if (!argv_copy.empty() && argv_copy[0].compare(0, bin_dir.size(), bin_dir) == 0) {
+    std::vector<std::string> emulator;
+    std::istringstream words(TARVO_PROGRAM_EMULATOR);
+    for (std::string word; std::getline(words, word, '|');) emulator.push_back(word);
+    argv_copy.insert(argv_copy.begin(), emulator.begin(), emulator.end());
+  }
+#endif
   for (auto& s : argv_copy) args.push_back(s.data());
   args.push_back(nullptr);
 
