@@ -3,18 +3,21 @@
 #
 #   scripts/cross-test.sh tests [ARCH...]   every test (unit, integration, end-to-end) of a cross
 #                                           build under qemu; ARCH mipsel and/or s390x (both)
+#   scripts/cross-test.sh live [ARCH...]    the cross-built daemon under qemu with the host's own
+#                                           simulators and viewers (build/): one camera streams
+#                                           to four viewers; on s390x every byte between them
+#                                           crosses from one byte order to the other
 #   scripts/cross-test.sh figures           for mipsel: the stripped daemon and its libraries,
 #                                           the frame cutter and forwarding benchmarks under
 #                                           qemu, and the daemon's peak memory at idle and with
 #                                           one camera streaming to four viewers
-#   scripts/cross-test.sh                   both
+#   scripts/cross-test.sh                   all of them
 #
 # Tests and emulated programs: a test program runs under qemu, and so does every program of the
 # same build it starts (the daemon, the simulators, the viewer, the board's shims); the host's
 # own programs (mosquitto, ffmpeg, openssl, nginx) run natively and speak over loopback.
-# The memory figures run the cross-built daemon under qemu and the host-built simulators and
-# viewer (build/), so that only the daemon is measured and the emulated peers do not slow it.
-# Results go to standard output and to out/cross/.
+# The live runs emulate only the daemon: its peers are the host build, which also keeps the
+# memory figures the daemon's own. Results go to standard output and to out/cross/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh cross
@@ -31,8 +34,10 @@ configure_cross() {  # arch, extra cmake args...
   local arch=$1; shift
   local sysroot
   sysroot=$(bash scripts/cross-sysroot.sh "$arch")
-  cmake -S . -B "build-$arch" -G Ninja -DCMAKE_TOOLCHAIN_FILE="cmake/toolchain-$arch.cmake" \
-    -DTARVO_SYSROOT="$sysroot" "$@" >/dev/null
+  local args=(-DTARVO_SYSROOT="$sysroot" "$@")
+  [ -f "build-$arch/CMakeCache.txt" ] ||
+    args+=(-DCMAKE_TOOLCHAIN_FILE="cmake/toolchain-$arch.cmake")
+  cmake -S . -B "build-$arch" -G Ninja "${args[@]}" >/dev/null
   echo "$sysroot"
 }
 
@@ -82,8 +87,7 @@ figures() {
   local sysroot
   sysroot=$(configure_cross mipsel -DTARVO_BENCH=ON)
   ninja -C build-mipsel -j "$jobs" tarvo-p2p frame_cutter_bench forward_bench
-  cmake -S . -B build -G Ninja >/dev/null
-  ninja -C build -j "$jobs" tarvo-mkboard tarvo-shim tarvo-cloudsim tarvo-camsim tarvo-viewer
+  host_peers
 
   echo "--- size"
   mipsel-linux-gnu-strip -o "$out/tarvo-p2p.stripped" build-mipsel/tarvo-p2p
@@ -115,11 +119,28 @@ figures() {
     | tee "$out/forward_bench.txt" | grep -E '^BM_|^-' || true
 
   echo "--- daemon memory under qemu-mipsel"
-  daemon_memory "$sysroot"
+  live_run mipsel "$sysroot" memory
 }
 
-daemon_memory() {
-  local sysroot=$1 run=$out/run
+host_peers() {
+  cmake -S . -B build -G Ninja >/dev/null
+  ninja -C build -j "$jobs" tarvo-mkboard tarvo-shim tarvo-cloudsim tarvo-camsim tarvo-viewer
+}
+
+live() {
+  local arch=$1 sysroot
+  echo "=== live: $arch daemon under qemu, host camera simulator and viewers"
+  sysroot=$(configure_cross "$arch")
+  ninja -C "build-$arch" -j "$jobs" tarvo-p2p
+  host_peers
+  live_run "$arch" "$sysroot" check
+}
+
+# The daemon of build-ARCH under qemu on a fresh board, the host's broker, cloud agent and camera
+# simulator; idle for ten seconds, then four viewers watch the camera for twenty. With "memory",
+# the guest's peak resident memory in both phases.
+live_run() {
+  local arch=$1 sysroot=$2 mode=$3 run=$out/run-$1
   rm -rf "$run"
   mkdir -p "$run"
   free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
@@ -147,7 +168,7 @@ daemon_memory() {
   TARVO_CAMERA_PORT=$(free_port) TARVO_PAIRING_PORT=$(free_port) TARVO_WAKE_PORT=$(free_port)
   TARVO_P2P_PORT=$(free_port)
   export TARVO_CAMERA_PORT TARVO_PAIRING_PORT TARVO_WAKE_PORT TARVO_P2P_PORT
-  qemu-mipsel -L "$sysroot" -d page -D "$run/qemu-page.log" build-mipsel/tarvo-p2p \
+  "qemu-$arch" -L "$sysroot" -d page -D "$run/qemu-page.log" "build-$arch/tarvo-p2p" \
     >"$run/tarvo-p2p.log" 2>&1 &
   local daemon=$!
   pids+=($daemon)
@@ -162,11 +183,11 @@ daemon_memory() {
     return 1
   }
   wait_line "$run/tarvo-p2p.log" 120 "Subscribed (mid: 3)"
-  local base size
-  base=$(sed -n 's/^guest_base *\(0x\)\?\([0-9a-f]*\).*/\2/p' "$run/qemu-page.log" | head -n 1)
-  size=$(sed -n 's/^reserved_va *\(0x\)\?\([0-9a-f]*\).*/\2/p' "$run/qemu-page.log" | head -n 1)
-  [ -n "$size" ] || size=100000000  # 4 GiB: the whole 32-bit guest space
-  if [ -z "$base" ]; then echo "qemu did not report its guest base" >&2; return 1; fi
+  local base="" size=100000000  # a 32-bit guest: its whole 4 GiB address space
+  if [ "$mode" = memory ]; then
+    base=$(sed -n 's/^guest_base *\(0x\)\?\([0-9a-f]*\).*/\2/p' "$run/qemu-page.log" | head -n 1)
+    if [ -z "$base" ]; then echo "qemu did not report its guest base" >&2; return 1; fi
+  fi
 
   build/tarvo-cloudsim --host 127.0.0.1 --port "$mqtt_port" --board "$board" \
     --credentials "$run/credentials" --status cloud_connected --stay </dev/null \
@@ -180,16 +201,18 @@ daemon_memory() {
   for _ in $(seq 300); do [ -s "$run/credentials" ] && break; sleep 0.1; done
 
   # Idle: the camera connected, no viewer, for ten seconds.
-  guest_peak_kib "$daemon" "$run/idle.done" "$base" "$size" >"$run/idle.kib" &
-  local sampler=$!
-  sleep 10
-  touch "$run/idle.done"
-  wait "$sampler"
-  echo "idle (camera connected, no viewer): peak $(cat "$run/idle.kib") KiB"
-
-  # One camera streaming 1080p at 15 frames a second to four viewers for 20 seconds.
-  guest_peak_kib "$daemon" "$run/live.done" "$base" "$size" >"$run/live.kib" &
-  sampler=$!
+  local sampler=""
+  if [ "$mode" = memory ]; then
+    guest_peak_kib "$daemon" "$run/idle.done" "$base" "$size" >"$run/idle.kib" &
+    sampler=$!
+    sleep 10
+    touch "$run/idle.done"
+    wait "$sampler"
+    echo "idle (camera connected, no viewer): peak $(cat "$run/idle.kib") KiB"
+    # One camera streaming 1080p at 15 frames a second to four viewers for 20 seconds.
+    guest_peak_kib "$daemon" "$run/live.done" "$base" "$size" >"$run/live.kib" &
+    sampler=$!
+  fi
   local viewers=()
   for n in 1 2 3 4; do
     build/tarvo-viewer --credentials "$run/credentials" --port "$TARVO_P2P_PORT" \
@@ -198,10 +221,12 @@ daemon_memory() {
   done
   local failed=0
   for pid in "${viewers[@]}"; do wait "$pid" || failed=1; done
-  touch "$run/live.done"
-  wait "$sampler"
-  echo "one camera to four viewers: peak $(cat "$run/live.kib") KiB"
-  grep -h '^video frames' "$run"/viewer-*.log | sed 's/^/  viewer: /'
+  if [ -n "$sampler" ]; then
+    touch "$run/live.done"
+    wait "$sampler"
+    echo "one camera to four viewers: peak $(cat "$run/live.kib") KiB"
+  fi
+  grep -h -E '^(video|audio) frames' "$run"/viewer-*.log | sed 's/^/  viewer: /'
   [ $failed -eq 0 ] || { echo "a viewer failed: $run/viewer-*.log" >&2; return 1; }
   stop_all
   trap - EXIT
@@ -209,12 +234,14 @@ daemon_memory() {
 
 case $what in
   tests) for arch in "${archs[@]}"; do run_tests "$arch"; done ;;
+  live) for arch in "${archs[@]}"; do live "$arch"; done ;;
   figures) figures ;;
   all)
     status=0
     for arch in "${archs[@]}"; do run_tests "$arch" || status=1; done
-    figures
+    live s390x || status=1
+    figures || status=1
     exit $status
     ;;
-  *) echo "usage: scripts/cross-test.sh [tests [ARCH...]|figures]" >&2; exit 2 ;;
+  *) echo "usage: scripts/cross-test.sh [tests|live [ARCH...]|figures]" >&2; exit 2 ;;
 esac

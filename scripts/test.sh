@@ -68,8 +68,10 @@ for stage in "${stages[@]}"; do
       for arch in mipsel s390x; do
         echo "--- $arch"
         sysroot=$(bash scripts/cross-sysroot.sh "$arch")
-        configure "build-$arch" -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-$arch.cmake \
-          -DTARVO_SYSROOT="$sysroot" -DTARVO_BENCH=OFF
+        cross_args=(-DTARVO_SYSROOT="$sysroot" -DTARVO_BENCH=OFF)
+        [ -f "build-$arch/CMakeCache.txt" ] ||
+          cross_args+=(-DCMAKE_TOOLCHAIN_FILE="cmake/toolchain-$arch.cmake")
+        configure "build-$arch" "${cross_args[@]}"
         ninja -C "build-$arch" tarvo-p2p "${unit_tests[@]}"
         ctest --test-dir "build-$arch" -L unit "${ctest_args[@]}"
       done

@@ -53,8 +53,28 @@ void MakeBoard(const std::string& dir, const std::vector<std::string>& options) 
   RunShimsUnderEmulator(dir);
 }
 
-void RunShimsUnderEmulator(const std::string& board) {
+namespace {
+
+// The emulator's command words in a cross build; none in a native one.
+std::vector<std::string> EmulatorWords() {
+  std::vector<std::string> words;
 #ifdef TARVO_PROGRAM_EMULATOR
+  std::istringstream in(TARVO_PROGRAM_EMULATOR);
+  for (std::string word; std::getline(in, word, '|');) words.push_back(word);
+#endif
+  return words;
+}
+
+}  // namespace
+
+std::string ProgramForShell(const std::string& program) {
+  std::string command;
+  for (const auto& word : EmulatorWords()) command += "'" + word + "' ";
+  return command + program;
+}
+
+void RunShimsUnderEmulator(const std::string& board) {
+  if (EmulatorWords().empty()) return;
   const std::string shim = board + "/bin/tarvo-shim";
   const std::string program = shim + ".elf";
   if (!FileExists(shim) || ReadFile(shim).compare(0, 4,
@@ -63,15 +83,9 @@ void RunShimsUnderEmulator(const std::string& board) {
     return;
   ASSERT_EQ(std::rename(shim.c_str(), program.c_str()), 0);
   // The shim finds its board from its own path and its tool from argv[0]: both are kept.
-  std::string script = "#!/bin/sh\nexec";
-  std::istringstream words(TARVO_PROGRAM_EMULATOR);
-  for (std::string word; std::getline(words, word, '|');) script += " '" + word + "'";
-  script += " -0 \"$0\" \"$(dirname \"$0\")/tarvo-shim.elf\" \"$@\"\n";
-  WriteFile(shim, script);
+  WriteFile(shim, "#!/bin/sh\nexec " +
+                      ProgramForShell("-0 \"$0\" \"$(dirname \"$0\")/tarvo-shim.elf\" \"$@\"\n"));
   ASSERT_EQ(chmod(shim.c_str(), 0755), 0);
-#else
-  (void)board;
-#endif
 }
 
 const char* FreshChildDeathTestStyle() {
@@ -142,16 +156,12 @@ Process::Process(const std::vector<std::string>& argv,
   for (auto& s : env_strings) envp.push_back(s.data());
   envp.push_back(nullptr);
   std::vector<std::string> argv_copy = argv;
-#ifdef TARVO_PROGRAM_EMULATOR
   // A cross-built program of this build runs under the same emulator as the test itself.
   const std::string bin_dir = std::string(TARVO_BIN_DIR) + "/";
   if (!argv_copy.empty() && argv_copy[0].compare(0, bin_dir.size(), bin_dir) == 0) {
-    std::vector<std::string> emulator;
-    std::istringstream words(TARVO_PROGRAM_EMULATOR);
-    for (std::string word; std::getline(words, word, '|');) emulator.push_back(word);
+    const std::vector<std::string> emulator = EmulatorWords();
     argv_copy.insert(argv_copy.begin(), emulator.begin(), emulator.end());
   }
-#endif
   for (auto& s : argv_copy) args.push_back(s.data());
   args.push_back(nullptr);
 

@@ -40,6 +40,10 @@ class TempDir {
 // emulator. Does nothing in a native build.
 void RunShimsUnderEmulator(const std::string& board);
 
+// A program of this build as a shell command starts it: its path, behind the emulator's words
+// in a cross build.
+std::string ProgramForShell(const std::string& program);
+
 // The death-test style for a child that must start afresh: "threadsafe" re-executes the test
 // program, which an emulated program cannot do; there it is "fast" (a plain fork), and the
 // test must not have touched what the child checks.
