@@ -61,7 +61,7 @@ guest_peak_kib() {
   local pid=$1 stop=$2 base=$3 size=$4
   python3 - "$pid" "$stop" "$base" "$size" <<'PY'
 import os, re, sys, time
-pid, stop, base, size = sys.argv[1], sys.argv[2], int(sys.argv[3], 16), int(sys.argv[4], 16)
+pid, stop, base, size = sys.argv[1], sys.argv[2], int(sys.argv[3], 0), int(sys.argv[4], 0)
 peak = 0
 while not os.path.exists(stop):
     total, inside = 0, False
@@ -94,20 +94,18 @@ figures() {
   echo "tarvo-p2p stripped: $(stat -c %s "$out/tarvo-p2p.stripped") bytes" \
     "(unstripped $(stat -c %s build-mipsel/tarvo-p2p))"
   mipsel-linux-gnu-size "$out/tarvo-p2p.stripped" | sed 's/^/  /'
-  echo "shared libraries it names (stripped sizes, as Debian ships them):"
-  local total=0
-  while read -r lib; do
-    local path
-    path=$(find "$sysroot/lib/mipsel-linux-gnu" "$sysroot/usr/lib/mipsel-linux-gnu" \
-      -maxdepth 1 -name "$lib" 2>/dev/null | head -n 1)
-    if [ -n "$path" ]; then
-      local bytes
-      bytes=$(stat -L -c %s "$path")
-      total=$((total + bytes))
-      printf '  %-28s %9d\n' "$lib" "$bytes"
-    fi
-  done < <(mipsel-linux-gnu-readelf -d "$out/tarvo-p2p.stripped" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
-  echo "  total of the libraries named directly: $total bytes"
+  # The daemon names (DT_NEEDED) only the libraries its code reaches today; the rest of what
+  # the hub library links is listed after them.
+  mapfile -t named < <(mipsel-linux-gnu-readelf -d "$out/tarvo-p2p.stripped" |
+    sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
+  local more=(libcurl.so.4 libssl.so.3 libavformat.so.59 libavcodec.so.59 libswscale.so.6)
+  lib_sizes "$sysroot" "shared libraries the daemon names (as Debian ships them, stripped):" "${named[@]}"
+  local rest=()
+  for lib in "${more[@]}"; do
+    [[ " ${named[*]} " == *" $lib "* ]] || rest+=("$lib")
+  done
+  [ ${#rest[@]} -eq 0 ] ||
+    lib_sizes "$sysroot" "linked by the hub library, not yet named by the daemon:" "${rest[@]}"
 
   echo "--- benchmarks under qemu-mipsel (ratios to memcpy in the same run)"
   local qemu=(qemu-mipsel -L "$sysroot")
@@ -120,6 +118,22 @@ figures() {
 
   echo "--- daemon memory under qemu-mipsel"
   live_run mipsel "$sysroot" memory
+}
+
+lib_sizes() {  # sysroot, title, library names...
+  local sysroot=$1 title=$2 total=0
+  shift 2
+  echo "$title"
+  for lib in "$@"; do
+    local path bytes
+    path=$(find "$sysroot/lib/mipsel-linux-gnu" "$sysroot/usr/lib/mipsel-linux-gnu" \
+      -maxdepth 1 -name "$lib" 2>/dev/null | head -n 1)
+    [ -n "$path" ] || continue
+    bytes=$(stat -L -c %s "$path")
+    total=$((total + bytes))
+    printf '  %-22s %9d\n' "$lib" "$bytes"
+  done
+  printf '  %-22s %9d\n' total "$total"
 }
 
 host_peers() {
@@ -183,10 +197,13 @@ live_run() {
     return 1
   }
   wait_line "$run/tarvo-p2p.log" 120 "Subscribed (mid: 3)"
-  local base="" size=100000000  # a 32-bit guest: its whole 4 GiB address space
+  # qemu reserves the 32-bit guest's address space in one piece: "pgb_reserved_va: base @ 0x1000
+  # for 2147483648 bytes" in its page log.
+  local base="" size=""
   if [ "$mode" = memory ]; then
-    base=$(sed -n 's/^guest_base *\(0x\)\?\([0-9a-f]*\).*/\2/p' "$run/qemu-page.log" | head -n 1)
-    if [ -z "$base" ]; then echo "qemu did not report its guest base" >&2; return 1; fi
+    read -r base size < <(sed -n 's/^pgb_reserved_va: base @ \(0x[0-9a-f]*\) for \([0-9]*\) bytes.*/\1 \2/p' \
+      "$run/qemu-page.log" | tail -n 1)
+    if [ -z "$size" ]; then echo "qemu did not report the guest's address space" >&2; return 1; fi
   fi
 
   build/tarvo-cloudsim --host 127.0.0.1 --port "$mqtt_port" --board "$board" \
@@ -224,7 +241,8 @@ live_run() {
   if [ -n "$sampler" ]; then
     touch "$run/live.done"
     wait "$sampler"
-    echo "one camera to four viewers: peak $(cat "$run/live.kib") KiB"
+    echo "one camera to four viewers: peak $(cat "$run/live.kib") KiB" \
+      "(the whole qemu process: $(sed -n 's/^VmHWM: *//p' "/proc/$daemon/status"))"
   fi
   grep -h -E '^(video|audio) frames' "$run"/viewer-*.log | sed 's/^/  viewer: /'
   [ $failed -eq 0 ] || { echo "a viewer failed: $run/viewer-*.log" >&2; return 1; }
