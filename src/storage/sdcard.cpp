@@ -1,6 +1,6 @@
 #include "storage/sdcard.h"
 
-#include "core/log.h"
+#include "base/log.h"
 
 int InitSdCard() {
   TLOG(LOG_DEBUG) << "SD card management is not part of this build yet";
