@@ -1,4 +1,4 @@
-// The hub without SD card, firmware update, recording index and alarm upload services answers
+// The hub without SD card, recording index and alarm upload services answers
 // their cloud messages here: each is logged and dropped, so the cloud side times out as it does
 // for any command the hub cannot carry out. A subsystem that handles one of these defines it in
 // its own unit and takes it out of this file.
@@ -23,15 +23,6 @@ int ProcMsgSdCardFormat(const char* msg) {
 }
 int ProcMsgSdCardUmount(const char* msg) {
   return Drop("SD card", msg);
-}
-int ProcMsgzeloOta(const char* msg) {
-  return Drop("firmware update", msg);
-}
-int ProcMsgGetOtaState(const char* msg) {
-  return Drop("firmware update", msg);
-}
-int ProcMsgGetOtaProgress(const char* msg) {
-  return Drop("firmware update", msg);
 }
 int ProcMsgDeleteVideo(const char* msg) {
   return Drop("recording index", msg);

@@ -7,11 +7,6 @@ int ProcMsgGetSdCardStorage(const char* msg);
 int ProcMsgSdCardFormat(const char* msg);
 int ProcMsgSdCardUmount(const char* msg);
 
-// Firmware update: "zeLO.ota", "zeLO.get_ota_state", "zeLO.get_ota_progress".
-int ProcMsgzeloOta(const char* msg);
-int ProcMsgGetOtaState(const char* msg);
-int ProcMsgGetOtaProgress(const char* msg);
-
 // Recording index: "deleteVideo".
 int ProcMsgDeleteVideo(const char* msg);
 

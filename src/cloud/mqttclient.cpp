@@ -18,6 +18,7 @@
 #include "cloud/cloudinput.h"
 #include "cloud/mqtttopics.h"
 #include "cloud/msgring.h"
+#include "cloud/ota.h"
 #include "cloud/zelojson.h"
 #include "core/configuration.h"
 #include "core/log.h"

@@ -79,16 +79,16 @@ constexpr int kPasswordTicks = 720;
 // What one tick looks at and does; DefaultDuties() wires the hub's own.
 struct Duties {
   std::function<void()> check_net;
-  std::function<bool()> provisioned;      // "/etc/zelo/wifi.conf" exists
-  std::function<int()> connect_status;    // 5: cloud connected
+  std::function<bool()> provisioned;    // "/etc/zelo/wifi.conf" exists
+  std::function<int()> connect_status;  // 5: cloud connected
   std::function<void(int)> set_led;
   std::function<void()> check_sd_mount;
   std::function<void()> check_schedule;
   std::function<void()> check_battery;
   std::function<void()> sync_time;
   std::function<void()> sync_cameras;
-  std::function<bool()> password_flag;    // the first credential report was acknowledged
-  std::function<void()> renew_password;   // new password, reported
+  std::function<bool()> password_flag;   // the first credential report was acknowledged
+  std::function<void()> renew_password;  // new password, reported
 };
 Duties DefaultDuties();
 
