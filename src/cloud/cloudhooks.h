@@ -2,14 +2,6 @@
 // MQTT thread with the whole message text. Each returns 0 or -1 and sends its own replies.
 #pragma once
 
-// SD card: "get_sd_storage", "sd_format", "sd_umount".
-int ProcMsgGetSdCardStorage(const char* msg);
-int ProcMsgSdCardFormat(const char* msg);
-int ProcMsgSdCardUmount(const char* msg);
-
-// Recording index: "deleteVideo".
-int ProcMsgDeleteVideo(const char* msg);
-
 // Alarm upload: an answer whose "result" is an object carries presigned upload addresses.
 int ParseUploadUrl(const char* msg);
 // Alarm upload: an answer with this report id arrived; when it matches the head of the alarm

@@ -24,6 +24,8 @@
 #include "core/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
+#include "storage/recordindex.h"
+#include "storage/sdcard.h"
 
 namespace {
 

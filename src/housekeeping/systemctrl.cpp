@@ -29,10 +29,6 @@
 #include "storage/retention.h"
 #include "storage/sdcard.h"
 
-// Interim, until the SD card code is merged: its two duties are taken when linked in.
-int CheckSdcardMount() __attribute__((weak));
-void CheckSdcardCapability() __attribute__((weak));
-
 namespace {
 
 constexpr char kWifiConf[] = "/etc/zelo/wifi.conf";
@@ -111,7 +107,7 @@ void* TimerFunc(void*) {
 void* CapabilityFunc(void*) {
   TLOG(LOG_DEBUG) << "Create check sdcard capability thread success";
   for (;;) {
-    if (CheckSdcardCapability != nullptr) CheckSdcardCapability();
+    CheckSdcardCapability();
     std::this_thread::sleep_for(std::chrono::seconds(kCapabilitySeconds));
   }
   return nullptr;
@@ -268,9 +264,7 @@ Duties DefaultDuties() {
   d.provisioned = [] { return BoardFileExists(kWifiConf); };
   d.connect_status = GetWifiConnectStatus;
   d.set_led = SetupLed;
-  d.check_sd_mount = [] {
-    if (CheckSdcardMount != nullptr) CheckSdcardMount();
-  };
+  d.check_sd_mount = [] { CheckSdcardMount(); };
   d.check_schedule = [] { CheckScheduleFunc(); };
   d.check_battery = [] { CheckBatteryLower(); };
   d.sync_time = [] { SyncLocalTime(); };
