@@ -1,6 +1,7 @@
 #include "camsim/camsim.h"
 
 #include <arpa/inet.h>
+#include <curl/curl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -21,6 +22,7 @@
 #include <thread>
 
 #include "camera/framecutter.h"
+#include "camsim/camsimimage.h"
 #include "camsim/camsimmedia.h"
 #include "camsim/camsimpair.h"
 #include "camsim/camsimwire.h"
@@ -40,6 +42,8 @@ constexpr auto kSendTimeout = std::chrono::seconds(3);
 constexpr auto kPairCloseWait = std::chrono::seconds(15);
 constexpr size_t kRxCapacity = 8192;
 constexpr size_t kDatagramMax = 2048;
+constexpr long kUpgradeFetchSeconds = 60;
+constexpr size_t kMaxImage = 16u << 20;
 
 const uint8_t kAllOnes[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 const uint8_t kZero[6] = {0};
@@ -75,6 +79,55 @@ std::string PaddedText(const uint8_t* p, size_t n) {
     out += (c >= 0x20 && c < 0x7F) ? c : '?';
   }
   return out;
+}
+
+// Fetches a firmware image over HTTP; stops early when stop is set. 0, or -1 with the reason.
+int FetchImage(const std::string& url, const std::atomic<bool>& stop, std::string* image,
+               std::string* why) {
+  CURL* curl = curl_easy_init();
+  if (curl == nullptr) {
+    *why = "curl_easy_init failed";
+    return -1;
+  }
+  struct Sink {
+    std::string* image;
+    const std::atomic<bool>* stop;
+  } sink{image, &stop};
+  auto write = +[](char* data, size_t size, size_t count, void* user) -> size_t {
+    auto* k = static_cast<Sink*>(user);
+    if (k->image->size() + size * count > kMaxImage) return 0;
+    k->image->append(data, size * count);
+    return size * count;
+  };
+  auto progress = +[](void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) -> int {
+    return static_cast<Sink*>(user)->stop->load() ? 1 : 0;
+  };
+  char error[CURL_ERROR_SIZE] = {0};
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, kUpgradeFetchSeconds);
+  curl_easy_setopt(curl, CURLOPT_FAILONERROR, 1L);
+  curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, error);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, write);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
+  curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, progress);
+  curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &sink);
+  curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+  const CURLcode res = curl_easy_perform(curl);
+  long code = 0;
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
+  curl_easy_cleanup(curl);
+  if (res != CURLE_OK) {
+    *why =
+        std::string("fetching ") + url + " failed: " + (error[0] ? error : curl_easy_strerror(res));
+    return -1;
+  }
+  if (code != 200) {
+    *why = "fetching " + url + " gave HTTP " + std::to_string(code);
+    return -1;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -168,6 +221,10 @@ class Camera::Impl {
   // Appends a talk-back frame's audio to the talk-back file, when kept.
   void WriteTalk(const _net_cmd_type* frame);
   void SendTick();
+  // Firmware upgrade: the fetch runs on upgrade_thread_; its end comes back to the camera's
+  // thread as FinishUpgrade.
+  void StartUpgrade(const std::string& url, const _net_cmd_type* command);
+  void FinishUpgrade(const std::vector<uint8_t>& command, int version, const std::string& why);
 
   Origin Next();
   int SendBytes(const uint8_t* bytes, size_t n);
@@ -246,6 +303,12 @@ class Camera::Impl {
   int pir_interval_ = 0;
   int night_ = 0;
   uint32_t vbat_ = 0;
+  int soft_ver_ = 0;
+  bool rebooting_ = false;
+  int reboot_version_ = 0;
+  Clock::time_point reboot_at_;
+  std::thread upgrade_thread_;  // started and joined on the camera's thread, and by Stop
+  std::atomic<bool> upgrading_{false};
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
@@ -320,7 +383,9 @@ int Camera::Impl::Start(std::string* error) {
   pir_interval_ = config_.pir_interval;
   night_ = config_.night;
   vbat_ = config_.vbat;
+  soft_ver_ = config_.soft_ver;
   Update([&](Stats& s) {
+    s.soft_ver = soft_ver_;
     s.pir = pir_;
     s.pir_interval = pir_interval_;
     s.night = night_;
@@ -347,6 +412,7 @@ void Camera::Impl::Stop() {
     if (tcp_fd_ >= 0) shutdown(tcp_fd_, SHUT_RDWR);
   }
   thread_.join();
+  if (upgrade_thread_.joinable()) upgrade_thread_.join();  // its fetch sees stop_ and ends
   close(event_fd_);
   close(udp_fd_);
   event_fd_ = -1;
@@ -446,11 +512,23 @@ milliseconds Camera::Impl::Timeout(Clock::time_point now) const {
     consider(last_activity_ + behaviour_.awake_time);
   }
   if (!connected_ && want_connected_ && behaviour_.reconnect.count() > 0) consider(reconnect_at_);
+  if (rebooting_) consider(reboot_at_);
   if (due <= now) return milliseconds(0);
   return std::chrono::duration_cast<milliseconds>(due - now) + milliseconds(1);
 }
 
 void Camera::Impl::OnTimers(Clock::time_point now) {
+  if (rebooting_ && now >= reboot_at_) {
+    rebooting_ = false;
+    soft_ver_ = reboot_version_;
+    Log("restarted with firmware version " + std::to_string(soft_ver_));
+    Update([&](Stats& s) {
+      s.soft_ver = soft_ver_;
+      s.upgrades_done++;
+    });
+    std::string error;
+    if (DoConnect(&error) < 0) Log("connect after the upgrade failed: " + error);
+  }
   if (!connected_ && want_connected_ && behaviour_.reconnect.count() > 0 && now >= reconnect_at_) {
     std::string error;
     if (DoConnect(&error) < 0) {
@@ -547,7 +625,7 @@ _net_cmd_get_info_type Camera::Impl::Info() const {
   struct in_addr ip;
   if (inet_pton(AF_INET, config_.ip.c_str(), &ip) == 1) std::memcpy(info.ip, &ip, 4);
   info.hard_ver = WireVersion(config_.hard_ver);
-  info.soft_ver = WireVersion(config_.soft_ver);
+  info.soft_ver = WireVersion(soft_ver_);
   info.battery_status = static_cast<uint8_t>(config_.battery_status);
   info.pir = static_cast<uint8_t>(pir_);
   info.power = static_cast<uint8_t>(config_.power);
@@ -577,7 +655,7 @@ int Camera::Impl::DoLogin(bool addressed) {
   if (!connected_) return -1;
   _net_cmd_login_type login;
   login.hard_ver = WireVersion(config_.hard_ver);
-  login.soft_ver = WireVersion(config_.soft_ver);
+  login.soft_ver = WireVersion(soft_ver_);
   uint8_t payload[_net_cmd_login_type::kWireSize];
   login.Encode(payload);
   const uint8_t* dst = addressed && hub_known_ ? hub_addr_ : nullptr;
@@ -837,9 +915,16 @@ void Camera::Impl::Execute(const _net_cmd_type* frame) {
     Ack(frame, true);
     StopStreaming("asked by the hub");
   } else if (type == kTypeControl && sub == kSubUpgrade) {
-    Log("upgrade from " + (n > 1 ? PaddedText(p + 1, n - 1) : std::string()) +
-        " left alone: this camera does not upgrade");
+    const std::string url = n > 1 ? PaddedText(p + 1, n - 1) : std::string();
     Update([](Stats& s) { s.upgrades++; });
+    if (behaviour_.fail_upgrade || upgrading_.load() || rebooting_) {
+      const std::string why = behaviour_.fail_upgrade ? "told to fail" : "an upgrade runs";
+      Log("upgrade from " + url + " refused: " + why);
+      Update([&](Stats& s) { s.upgrade_error = why; });
+      Ack(frame, false);
+      return;
+    }
+    StartUpgrade(url, frame);
   } else if (type == kTypePir && (sub == kSubPirMain || sub == kSubPirMain1 || sub == kSubPirNew)) {
     const size_t need = sub == kSubPirNew ? 2 : 1;
     if (n < need) {
@@ -880,6 +965,43 @@ void Camera::Impl::Execute(const _net_cmd_type* frame) {
   } else {
     Log("command " + FrameName(type, sub) + " unknown to this camera, ignored");
   }
+}
+
+void Camera::Impl::StartUpgrade(const std::string& url, const _net_cmd_type* command) {
+  if (upgrade_thread_.joinable()) upgrade_thread_.join();  // the last one has ended
+  std::vector<uint8_t> copy(command->Bytes(), command->Bytes() + command->FrameSize());
+  Log("upgrade from " + url + ": fetching");
+  upgrading_.store(true);
+  upgrade_thread_ = std::thread([this, url, copy] {
+    std::string image, why;
+    int version = -1;
+    if (FetchImage(url, stop_, &image, &why) == 0) {
+      version = ImageVersion(image);
+      if (version < 0) why = url + " is no camera image";
+    }
+    Call([&] {
+      FinishUpgrade(copy, version, why);
+      return 0;
+    });
+    upgrading_.store(false);
+  });
+}
+
+void Camera::Impl::FinishUpgrade(const std::vector<uint8_t>& command, int version,
+                                 const std::string& why) {
+  const _net_cmd_type* frame = command::AsFrame(command.data());
+  if (version < 0) {
+    Log("upgrade failed: " + why);
+    Update([&](Stats& s) { s.upgrade_error = why; });
+    Ack(frame, false);
+    return;
+  }
+  Ack(frame, true);
+  Log("upgrade to firmware version " + std::to_string(version) + " fetched, restarting");
+  DoDisconnect();
+  rebooting_ = true;
+  reboot_version_ = version;
+  reboot_at_ = Clock::now() + behaviour_.reboot;
 }
 
 // --- Sleep, wake and events ------------------------------------------------------------------

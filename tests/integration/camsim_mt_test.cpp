@@ -335,12 +335,14 @@ TEST(Camsim, CommandsAreAnsweredToTheirSource) {
   EXPECT_EQ(Bytes({0x11, 0x02, 0x01}), hub.Nth(command::kTypeAck, 0, 3).payload());
   hub.Send(mac, command::kTypeSetting, command::kSubReset, {});
   EXPECT_EQ(Bytes({0x11, 0x04, 0x01}), hub.Nth(command::kTypeAck, 0, 4).payload());
-  // a start without its time is refused, an upgrade and an unknown command are not answered
+  // a start without its time is refused, and so is an upgrade whose image cannot be fetched
+  // (once the fetch has failed); an unknown command is not answered
   hub.Send(mac, command::kTypeControl, command::kSubStartStream, {});
   EXPECT_EQ(Bytes({0x01, 0x02, 0x00}), hub.Nth(command::kTypeAck, 0, 5).payload());
   Bytes url(65, 0);
-  std::memcpy(url.data() + 1, "http://127.0.0.1/cam.bin", 24);
+  std::memcpy(url.data() + 1, "http://127.0.0.1:1/cam.bin", 26);
   hub.Send(mac, command::kTypeControl, command::kSubUpgrade, url);
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 6).payload());
   hub.Send(mac, 0x05, 0x05, {1, 2});
   // a frame for another camera on this connection is left alone
   hub.Send("0A00000000FF", command::kTypeProp, 0, {});
@@ -352,7 +354,7 @@ TEST(Camsim, CommandsAreAnsweredToTheirSource) {
   EXPECT_EQ(30, info.pir_interval);
 
   const std::vector<Got> traffic = hub.Traffic();
-  ASSERT_EQ(9u, traffic.size());  // login, 3 properties, 5 acks, nothing for the rest
+  ASSERT_EQ(10u, traffic.size());  // login, 3 properties, 6 acks, nothing for the rest
   EXPECT_EQ(command::kTypeProp, traffic.back().type);
   EXPECT_EQ(command::kTypeAck, traffic[traffic.size() - 2].type);
   const camsim::Stats s = cam.GetStats();
@@ -361,6 +363,8 @@ TEST(Camsim, CommandsAreAnsweredToTheirSource) {
   EXPECT_EQ(500, s.bitrate);
   EXPECT_EQ(1, s.resets);
   EXPECT_EQ(1, s.upgrades);
+  EXPECT_EQ(0, s.upgrades_done);
+  EXPECT_NE(std::string::npos, s.upgrade_error.find("127.0.0.1:1/cam.bin")) << s.upgrade_error;
   EXPECT_EQ(1, s.foreign_frames);
   EXPECT_FALSE(s.streaming);
   EXPECT_EQ(3, s.Count(command::kTypeProp, 0));
@@ -759,7 +763,8 @@ TEST(Camsim, ToolTakesCommandsOnStandardInput) {
   EXPECT_EQ(0, run.Wait(std::chrono::seconds(20)));
   EXPECT_TRUE(run.HasLine("^" + mac + ": connect ok$")) << ::testing::PrintToString(run.Lines());
   EXPECT_TRUE(run.HasLine("^" + mac + ": battery ok$"));
-  EXPECT_TRUE(run.HasLine("^" + mac + " 127.0.0.91 connected asleep .*vbat=3650$"));
+  EXPECT_TRUE(
+      run.HasLine("^" + mac + " 127.0.0.91 connected asleep .*vbat=3650 fw=204 upgrades=0/0$"));
   EXPECT_TRUE(run.HasLine("^\\[ *[0-9.]+\\] " + mac + " battery event sent, 3650 mV$"));
   const Got login = hub.Nth(command::kTypeLogin, 0, 1);
   EXPECT_EQ(Bytes({0x00, 0x01, 0x00, 0x00, 0x04, 0x02, 0x00, 0x00}), login.payload());
