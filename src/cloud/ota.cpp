@@ -376,11 +376,15 @@ int UpgradeSystem(const char* url, const char* md5, const char* install) {
     return -1;
   }
   pthread_detach(thread);
+  TLOG(LOG_DEBUG) << "download thread started";
   return 0;
 }
 
 void* DownloadBin(void* arg) {
   std::unique_ptr<char, decltype(&std::free)> url(static_cast<char*>(arg), std::free);
+  struct Leave {
+    ~Leave() { TLOG(LOG_DEBUG) << "exit download thread"; }
+  } leave;
   Download dl;
   utils::CheckDirExist(platform::BoardPath(kCameraDir).c_str());
   dl.hub = std::fopen(platform::BoardPath(kHubImage).c_str(), "wb");

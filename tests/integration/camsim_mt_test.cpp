@@ -24,8 +24,10 @@
 #include "camera/framecutter.h"
 #include "camera/pairing.h"
 #include "camsim/camsim.h"
+#include "camsim/camsimimage.h"
 #include "camsim/camsimmedia.h"
 #include "support/testsupport.h"
+#include "support/webserver.h"
 
 namespace {
 
@@ -748,6 +750,67 @@ TEST(Camsim, PairsWithThePairingServerAndChecksTheReply) {
   ASSERT_EQ(0, lonely.Start(&error)) << error;
   EXPECT_EQ(-1, lonely.Pair(&error));
   EXPECT_NE(std::string::npos, error.find("not reachable")) << error;
+}
+
+TEST(Camsim, UpgradesFromTheGivenAddressAndComesBackWithTheImagesVersion) {
+  ScriptedHub hub;
+  testsupport::WebServerOptions site;
+  site.tls = false;
+  testsupport::WebServer web(site);
+  ASSERT_TRUE(web.Start());
+  testsupport::WriteFile(web.root() + "/camera.muz", camsim::MakeImage(205, 100000));
+  testsupport::WriteFile(web.root() + "/other.bin", "not a camera image");
+  const std::string mac = "0A0000000086";
+  camsim::Behaviour b;
+  b.reboot = milliseconds(100);
+  camsim::Camera cam(Config(mac, "127.0.0.86"), Endpoint(hub.port()), b);
+  StartAndConnect(cam, hub);
+  auto upgrade = [&](const std::string& url) {
+    Bytes payload(65, 0);
+    std::memcpy(payload.data() + 1, url.data(), url.size());
+    hub.Send(mac, command::kTypeControl, command::kSubUpgrade, payload);
+  };
+
+  // what cannot be fetched, or is no image, is refused once the fetch has ended
+  upgrade(web.Url("/missing.muz"));
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 1).payload());
+  EXPECT_NE(std::string::npos, cam.GetStats().upgrade_error.find("404"));
+  upgrade(web.Url("/other.bin"));
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 2).payload());
+  EXPECT_NE(std::string::npos, cam.GetStats().upgrade_error.find("no camera image"));
+
+  // an image: accepted, then the camera restarts and logs in with its version
+  upgrade(web.Url("/camera.muz"));
+  const Got ack = hub.Nth(command::kTypeAck, 0, 3);
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x01}), ack.payload());
+  EXPECT_EQ(kHubMac, ack.dst);
+  ASSERT_TRUE(cam.WaitUntil([](const camsim::Stats& s) { return s.logins == 2; }));
+  const Got login = hub.Nth(command::kTypeLogin, 0, 2);
+  EXPECT_EQ("000000000000", login.dst);  // a new connection's first login
+  EXPECT_EQ(Bytes({0x00, 0x01, 0x00, 0x00, 0x05, 0x02, 0x00, 0x00}), login.payload());
+  EXPECT_EQ(2, hub.Accepts());
+  const camsim::Stats s = cam.GetStats();
+  EXPECT_EQ(205, s.soft_ver);
+  EXPECT_EQ(1, s.upgrades_done);
+  EXPECT_EQ(3, s.upgrades);
+  EXPECT_EQ(3,
+            web.CountRequests([](const testsupport::WebRequest& r) { return r.method == "GET"; }));
+}
+
+TEST(Camsim, ACameraToldToFailRefusesUpgradesWithoutFetching) {
+  ScriptedHub hub;
+  const std::string mac = "0A0000000087";
+  camsim::Behaviour b;
+  b.fail_upgrade = true;
+  camsim::Camera cam(Config(mac, "127.0.0.87"), Endpoint(hub.port()), b);
+  StartAndConnect(cam, hub);
+  Bytes payload(65, 0);
+  std::memcpy(payload.data() + 1, "http://127.0.0.1:1/camera.muz", 29);
+  hub.Send(mac, command::kTypeControl, command::kSubUpgrade, payload);
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 1).payload());
+  EXPECT_EQ("told to fail", cam.GetStats().upgrade_error);
+  EXPECT_EQ(1, hub.Accepts());
+  EXPECT_EQ(203, cam.GetStats().soft_ver);
 }
 
 TEST(Camsim, ToolTakesCommandsOnStandardInput) {
