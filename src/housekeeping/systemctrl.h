@@ -23,6 +23,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 // Starts the timer, capability and credentials threads ("thread_timer", "thread_capability",
 // "thread_uidpwd"). A thread that cannot be created ends the process by an assertion failure.
