@@ -101,14 +101,4 @@ TEST_F(Housekeeping, ButtonHeldSevenSecondsHandsTheResetOverOnce) {
   EXPECT_FALSE(FileExists(Board("/var/log/reboot.log")));
 }
 
-TEST_F(Housekeeping, ButtonHeldWithoutTheResetProcessRebootsThroughTheShim) {
-  Start();
-  Event("key 1 2");
-  ASSERT_FALSE(daemon_->WaitForLine("ipcamera-daemon don't exist, doing reboot", 15s).empty());
-  ASSERT_TRUE(WaitFor([&] { return FileExists(Board("/var/log/reboot.log")); }));
-  EXPECT_EQ(ReadFile(Board("/var/log/reboot.log")), "reboot\n");
-  EXPECT_EQ(ReadFile(Board("/dev/ttyS1")).find("error reboot\n") != std::string::npos, true);
-  Event("key 1 1");
-}
-
 }  // namespace

@@ -315,9 +315,14 @@ TEST_F(OtaEndToEnd, MalformedCommandsAreNotAnswered) {
         std::string("[]"), std::string("\"text\"")}) {
     ids.push_back(agent_->SendCommand("zeLO.ota", params));
   }
-  // a URL the hub will not fetch is acknowledged and fails at once
-  Ota("file:///etc/passwd");
-  EXPECT_EQ(WaitForEnd(), (std::vector<std::string>{"failed"}));
+  // URLs the hub will not fetch are acknowledged and fail at once
+  for (const std::string& url :
+       {std::string("file:///etc/passwd"), std::string("ftp://127.0.0.1/u"),
+        std::string("https://127.0.0.1/a b"), "https://127.0.0.1/" + std::string(500, 'x')}) {
+    Ota(url);
+  }
+  EXPECT_EQ(WaitForEnd(4), std::vector<std::string>(4, "failed"));
+  EXPECT_EQ(daemon_->CountLines("Refused firmware url"), 4);
   testsupport::Barrier(*agent_);
   for (int id : ids) EXPECT_EQ(testsupport::RepliesTo(*agent_, id), 0);
   EXPECT_EQ(daemon_->CountLines("ProcMsgzeloOta, wrong format of zelo_ota command"), 3);
