@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "base/log.h"
 #include "cloud/cameracmd.h"
 #include "cloud/cloudcmd.h"
 #include "cloud/cloudhooks.h"
@@ -19,10 +20,9 @@
 #include "cloud/mqtttopics.h"
 #include "cloud/msgring.h"
 #include "cloud/ota.h"
-#include "cloud/zelojson.h"
 #include "core/configuration.h"
-#include "core/log.h"
 #include "core/utils.h"
+#include "core/zelojson.h"
 #include "platform/board.h"
 #include "storage/recordindex.h"
 #include "storage/sdcard.h"

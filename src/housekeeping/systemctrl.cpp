@@ -16,13 +16,14 @@
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "camera/livechannel.h"
 #include "cloud/cloudcmd.h"
+#include "cloud/credreport.h"
 #include "cloud/mqttclient.h"
-#include "core/log.h"
 #include "core/utils.h"
 #include "crypto/hubauth.h"
-#include "housekeeping/hubled.h"
+#include "led/hubled.h"
 #include "platform/board.h"
 #include "platform/uci.h"
 #include "server/mediaserver.h"

@@ -4,7 +4,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include "core/log.h"
+#include "base/log.h"
 
 void orump4_init_ffmpeg() {
   TLOG(LOG_DEBUG) << "FFmpeg " << av_version_info() << " ready, formats self-registered";

@@ -9,13 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/log.h"
 #include "cloud/mqttclient.h"
 #include "core/configuration.h"
 #include "core/eventloop.h"
-#include "core/log.h"
 #include "crypto/hubauth.h"
-#include "housekeeping/hubled.h"
 #include "housekeeping/systemctrl.h"
+#include "led/hubled.h"
 #include "media/mp4mux.h"
 #include "media/orump4playlist.h"
 #include "media/playback.h"

@@ -1,6 +1,6 @@
 #include "storage/pirupload.h"
 
-#include "core/log.h"
+#include "base/log.h"
 
 int alarm_upload_init() {
   return 0;

@@ -13,8 +13,8 @@
 
 #include "cloud/cmdargs.h"
 #include "cloud/mqttclient.h"
-#include "cloud/zelojson.h"
-#include "core/log.h"
+#include "core/zelojson.h"
+#include "base/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
 #include "storage/sdcard.h"

@@ -11,7 +11,7 @@
 
 #include "cloud/cmdargs.h"
 #include "cloud/mqttclient.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
 #include "platform/hwlib.h"

@@ -17,7 +17,7 @@
 #include "camsim/camsim.h"
 #include "camsim/camsimimage.h"
 #include "cloud/otapackage.h"
-#include "cloud/zelojson.h"
+#include "core/zelojson.h"
 #include "cloudsim/cloudsim.h"
 #include "support/broker.h"
 #include "support/testsupport.h"

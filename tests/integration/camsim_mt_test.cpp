@@ -22,10 +22,10 @@
 
 #include "camera/command.h"
 #include "camera/framecutter.h"
-#include "camera/pairing.h"
 #include "camsim/camsim.h"
 #include "camsim/camsimimage.h"
 #include "camsim/camsimmedia.h"
+#include "server/pairing.h"
 #include "support/testsupport.h"
 #include "support/webserver.h"
 

@@ -23,7 +23,7 @@
 #include "cloud/mqttclient.h"
 #include "core/configuration.h"
 #include "core/eventloop.h"
-#include "housekeeping/hubled.h"
+#include "led/hubled.h"
 #include "platform/board.h"
 #include "platform/uci.h"
 #include "server/mediaserver.h"

@@ -1,6 +1,6 @@
 // The LED thread, the AP mode at start and the long-press reset, on a board with shims. The
 // reset thread's one-second waits are replaced by a gate the test opens one step at a time.
-#include "housekeeping/hubled.h"
+#include "led/hubled.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

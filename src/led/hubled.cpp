@@ -1,4 +1,4 @@
-#include "housekeeping/hubled.h"
+#include "led/hubled.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -17,12 +17,11 @@
 #include <string>
 #include <thread>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "core/utils.h"
+#include "p2p/iotc.h"
 #include "platform/board.h"
 #include "platform/hwlib.h"
-#include "server/client.h"
-#include "server/mediaserver.h"
 
 namespace {
 
@@ -33,6 +32,7 @@ constexpr int kResetSignal = 42;
 constexpr int kResetCountdown = 7;
 constexpr int kButtonBit = 6;
 constexpr auto kLedPeriod = std::chrono::milliseconds(100);
+constexpr int kViewerSessions = 4;
 
 // LED state. The applied state belongs to the LED thread but is reset by ForgetLedState, so both
 // live under the LED mutex.
@@ -84,12 +84,11 @@ void* LedFunc(void*) {
   return nullptr;
 }
 
+// Whether a viewer holds a P2P session now (asked of the P2P library, sessions 0..3).
 bool ViewerSessionActive() {
-  server::MediaServer* server = server_play.load();
-  if (server == nullptr) return false;
-  for (int slot = 0; slot < client::kSlots; slot++) {
-    client::Client* c = server->GetClient(slot);
-    if (c != nullptr && c->avIndex() >= 0) return true;
+  for (int sid = 0; sid < kViewerSessions; sid++) {
+    st_SInfo info;
+    if (IOTC_Session_Check(sid, &info) == IOTC_ER_NoERROR) return true;
   }
   return false;
 }
