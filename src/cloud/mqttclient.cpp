@@ -20,12 +20,11 @@
 #include "cloud/mqtttopics.h"
 #include "cloud/msgring.h"
 #include "cloud/ota.h"
+#include "cloud/storagecmd.h"
 #include "core/configuration.h"
 #include "core/utils.h"
 #include "core/zelojson.h"
 #include "platform/board.h"
-#include "storage/recordindex.h"
-#include "storage/sdcard.h"
 
 namespace {
 

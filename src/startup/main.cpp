@@ -124,6 +124,7 @@ int RunHub(int argc, char** argv) {
   libsodium_init();        // 10.
   alarm_upload_init();     // 11.
   alarm_upload_lock_init();
+  SetSdStatusReport(MqttReportPropSdStatus);
   InitSdCard();   // 12.
   InitLed();      // 13.
   config.Init();  // 14.

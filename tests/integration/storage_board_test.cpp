@@ -3,18 +3,17 @@
 // board's size (its clips are sparse files of real length).
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "platform/board.h"
 #include "platform/hwlib.h"
-#include "storage/recordindex.h"
 #include "storage/retention.h"
 #include "storage/sdcard.h"
 #include "support/boardfixture.h"
 #include "support/logcapture.h"
+#include "support/recordtree.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -42,41 +41,16 @@ class StorageBoard : public testsupport::BoardFixture {
     SetSdCardStatus(SDCARD_STATUS_OFF);
   }
 
-  std::string Record(const std::string& mac) const {
-    return Board("/mnt/mmcblk0p1/KELDA_RECORD_VIDEO/") + mac;
-  }
-  std::string Hour(long t) const {
-    const time_t when = t;
-    struct tm local;
-    localtime_r(&when, &local);
-    char name[16];
-    std::strftime(name, sizeof(name), "%Y%m%d%H", &local);
-    return name;
-  }
+  std::string Root() const { return Board("/mnt/mmcblk0p1/KELDA_RECORD_VIDEO"); }
+  std::string Record(const std::string& mac) const { return Root() + "/" + mac; }
   std::string Clip(const std::string& mac, long t, const char* ext = "mp4") const {
-    const time_t when = t;
-    struct tm local;
-    localtime_r(&when, &local);
-    char name[64];
-    std::strftime(name, sizeof(name), "/%Y%m%d%H/%MM%SS_", &local);
-    return Record(mac) + name + std::to_string(t) + "." + ext;
+    return testsupport::EventPath(Root(), mac, t, ext);
   }
-  // A recorded event: a clip of mib MiB (sparse), a snapshot and its index record.
   void StoreEvent(const std::string& mac, long t, unsigned mib) {
-    WriteFile(Clip(mac, t), "");
-    std::filesystem::resize_file(Clip(mac, t), static_cast<uintmax_t>(mib) << 20);
-    WriteFile(Clip(mac, t, "jpeg"), "jpeg");
-    ASSERT_EQ(recordindex::AppendRecord(Record(mac) + "/.timestamp", static_cast<uint32_t>(t), 10),
-              0);
+    testsupport::StoreEvent(Root(), mac, t, static_cast<uint64_t>(mib) << 20);
   }
   std::vector<uint32_t> IndexTimes(const std::string& mac) {
-    const std::string bytes = ReadFile(Record(mac) + "/.timestamp");
-    std::vector<uint32_t> times;
-    for (const auto& r : recordindex::ParseRecords(
-             reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size())) {
-      times.push_back(r.start);
-    }
-    return times;
+    return testsupport::IndexTimes(Record(mac) + "/.timestamp");
   }
   unsigned long long FreeMiB() {
     unsigned long long total = 0, free = 0;
@@ -169,8 +143,8 @@ TEST_F(FullCard, OldestHoursGoUntilOnlyYoungEventsAreLeftThenTheRunEnds) {
   CheckSdcardCapability();
 
   EXPECT_EQ(IndexTimes(kCamA), std::vector<uint32_t>{static_cast<uint32_t>(now_ - 30)});
-  EXPECT_FALSE(FileExists(Record(kCamA) + "/" + Hour(first_)));
-  EXPECT_FALSE(FileExists(Record(kCamA) + "/" + Hour(first_ + 3600)));
+  EXPECT_FALSE(FileExists(Record(kCamA) + "/" + testsupport::HourFolder(first_)));
+  EXPECT_FALSE(FileExists(Record(kCamA) + "/" + testsupport::HourFolder(first_ + 3600)));
   EXPECT_TRUE(FileExists(Clip(kCamA, now_ - 30)));
   EXPECT_TRUE(FileExists(Clip(kCamA, now_ - 30, "jpeg")));
   EXPECT_EQ(IndexTimes(kCamB), (std::vector<uint32_t>{static_cast<uint32_t>(now_ - 20),

@@ -18,6 +18,7 @@
 #include "platform/uci.h"
 #include "support/boardfixture.h"
 #include "support/logcapture.h"
+#include "support/recordtree.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -66,14 +67,8 @@ class RecordIndex : public testsupport::BoardFixture {
     long start = t;
     ASSERT_EQ(FwriteTimestamp(&start, 0, kCam), 0);
   }
-  // The clip's path as the tree names it: local hour folder, minute "M" second "S", start time.
   std::string EventFile(long t, const char* ext) {
-    const time_t when = t;
-    struct tm local;
-    localtime_r(&when, &local);
-    char name[64];
-    std::strftime(name, sizeof(name), "/%Y%m%d%H/%MM%SS_", &local);
-    return camera_ + name + std::to_string(t) + "." + ext;
+    return testsupport::EventPath(Board("/mnt/mmcblk0p1/KELDA_RECORD_VIDEO"), kCam, t, ext);
   }
   void Unmount() { WriteFile(Board("/proc/mounts"), "rootfs / rootfs rw 0 0\n"); }
 
