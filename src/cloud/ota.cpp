@@ -17,12 +17,12 @@
 #include <thread>
 #include <vector>
 
+#include "base/log.h"
 #include "camera/livechannel.h"
 #include "cloud/mqttclient.h"
 #include "cloud/otapackage.h"
-#include "core/zelojson.h"
-#include "base/log.h"
 #include "core/utils.h"
+#include "core/zelojson.h"
 #include "platform/board.h"
 #include "server/mediaserver.h"
 
