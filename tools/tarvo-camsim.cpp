@@ -24,8 +24,8 @@ const char kUsage[] =
     "Simulates battery cameras for the hub. Each camera has its MAC and its own loopback\n"
     "address; it pairs, connects to the camera listener from that address, logs in, keeps the\n"
     "hub informed while awake, sleeps with heartbeats, wakes on the hub's TCP and UDP wake\n"
-    "frames, answers the hub's commands and streams H.264 and A-law at 15 frames a second\n"
-    "when asked.\n"
+    "frames, answers the hub's commands, streams H.264 and A-law at 15 frames a second\n"
+    "when asked, and upgrades its firmware from the hub's web server.\n"
     "\n"
     "Cameras:\n"
     "  --camera MAC,IP[,KEY=VALUE]...\n"
@@ -69,6 +69,8 @@ const char kUsage[] =
     "  --no-tcp-wake        a sleeping camera ignores the TCP wake frame\n"
     "  --no-udp-wake        a sleeping camera ignores the UDP wake datagrams\n"
     "  --silent             acknowledge nothing and answer no property query\n"
+    "  --fail-upgrade       refuse every firmware upgrade (acknowledged with result 0)\n"
+    "  --reboot SECONDS     an upgrade's restart keeps the camera offline this long (default 1)\n"
     "  --stay               keep running at the end of standard input (until \"quit\", SIGINT or\n"
     "                       SIGTERM); without it the end of input ends the simulator\n"
     "  -q, --quiet          print only the replies to commands\n"
@@ -182,13 +184,14 @@ int main(int argc, char** argv) {
        : opt == "--pairing-port" ? hub.pairing_port
                                  : hub.wake_port) = port;
     } else if (opt == "--awake" || opt == "--heartbeat" || opt == "--reconnect" ||
-               opt == "--pir-stream") {
+               opt == "--pir-stream" || opt == "--reboot") {
       if (!take() || !ParseSeconds(value, 86400, &n)) return Usage(opt + " needs seconds");
       const std::chrono::milliseconds ms = std::chrono::seconds(n);
       if (opt == "--awake") behaviour.awake_time = ms;
       if (opt == "--heartbeat") behaviour.heartbeat = ms;
       if (opt == "--reconnect") behaviour.reconnect = ms;
       if (opt == "--pir-stream") behaviour.pir_stream = ms;
+      if (opt == "--reboot") behaviour.reboot = ms;
     } else if (opt == "--keepalive") {
       if (!take() || !ParseSeconds(value, 2900, &n) || n < 10) {
         return Usage("--keepalive needs 10..2900 milliseconds");
@@ -204,6 +207,8 @@ int main(int argc, char** argv) {
       behaviour.wake_on_udp = false;
     } else if (opt == "--silent") {
       behaviour.answer = false;
+    } else if (opt == "--fail-upgrade") {
+      behaviour.fail_upgrade = true;
     } else if (opt == "--stay") {
       stay = true;
     } else if (opt == "-q" || opt == "--quiet") {

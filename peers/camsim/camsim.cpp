@@ -96,7 +96,9 @@ int Camera::Impl::Start(std::string* error) {
   pir_interval_ = config_.pir_interval;
   night_ = config_.night;
   vbat_ = config_.vbat;
+  soft_ver_ = config_.soft_ver;
   Update([&](Stats& s) {
+    s.soft_ver = soft_ver_;
     s.pir = pir_;
     s.pir_interval = pir_interval_;
     s.night = night_;
@@ -123,6 +125,7 @@ void Camera::Impl::Stop() {
     if (tcp_fd_ >= 0) shutdown(tcp_fd_, SHUT_RDWR);
   }
   thread_.join();
+  if (upgrade_thread_.joinable()) upgrade_thread_.join();  // its fetch sees stop_ and ends
   close(event_fd_);
   close(udp_fd_);
   event_fd_ = -1;
@@ -222,11 +225,23 @@ milliseconds Camera::Impl::Timeout(Clock::time_point now) const {
     consider(last_activity_ + behaviour_.awake_time);
   }
   if (!connected_ && want_connected_ && behaviour_.reconnect.count() > 0) consider(reconnect_at_);
+  if (rebooting_) consider(reboot_at_);
   if (due <= now) return milliseconds(0);
   return std::chrono::duration_cast<milliseconds>(due - now) + milliseconds(1);
 }
 
 void Camera::Impl::OnTimers(Clock::time_point now) {
+  if (rebooting_ && now >= reboot_at_) {
+    rebooting_ = false;
+    soft_ver_ = reboot_version_;
+    Log("restarted with firmware version " + std::to_string(soft_ver_));
+    Update([&](Stats& s) {
+      s.soft_ver = soft_ver_;
+      s.upgrades_done++;
+    });
+    std::string error;
+    if (DoConnect(&error) < 0) Log("connect after the upgrade failed: " + error);
+  }
   if (!connected_ && want_connected_ && behaviour_.reconnect.count() > 0 && now >= reconnect_at_) {
     std::string error;
     if (DoConnect(&error) < 0) {

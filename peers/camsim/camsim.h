@@ -15,7 +15,12 @@
 // - waking (wake frame by TCP or UDP, a command, a motion or battery event, Wake): a login
 //   addressed to the hub, which makes the hub replay the commands it kept;
 // - commands: acknowledged (0x80) to the command's source address, property queries answered
-//   with the property record, settings kept and reported in later records.
+//   with the property record, settings kept and reported in later records;
+// - upgrade (0x01/0x06): fetches the image from the URL given (HTTP, libcurl, on a thread of its
+//   own), checks that it was served and is a simulator image (camsimimage.h), acknowledges with
+//   1 and restarts: the connection closes, and after the reboot time the camera connects and
+//   logs in with the image's version. An image that cannot be fetched or read is acknowledged
+//   with 0, and so is every request when the behaviour says to fail.
 #pragma once
 
 #include <chrono>
@@ -77,6 +82,9 @@ struct Behaviour {
   bool wake_on_udp = true;                        // ... and on the UDP wake datagram
   bool answer = true;      // acknowledge commands and answer property queries
   uint8_t ack_result = 1;  // result byte of acknowledgements (1 success)
+  // Firmware upgrade: refuse every request (acknowledged with result 0) instead of fetching.
+  bool fail_upgrade = false;
+  std::chrono::milliseconds reboot{1000};  // offline this long while an upgrade restarts it
 };
 
 // One frame received from the hub.
@@ -119,9 +127,12 @@ struct Stats {
   int foreign_frames = 0;  // hub frames addressed to another camera
   int discards = 0;        // times received bytes were not a frame and were dropped
   int commands_asleep = 0;
-  int talk_bytes = 0;   // talk-back audio received
-  int talk_frames = 0;  // talk-back frames received
-  int upgrades = 0;     // upgrade requests received (not carried out)
+  int talk_bytes = 0;         // talk-back audio received
+  int talk_frames = 0;        // talk-back frames received
+  int upgrades = 0;           // upgrade requests received
+  int upgrades_done = 0;      // upgrades fetched, checked and restarted into
+  std::string upgrade_error;  // why the last upgrade failed
+  int soft_ver = 0;           // the firmware version the camera runs now
   int resets = 0;
 
   int streams = 0;

@@ -2,7 +2,8 @@
 // timing constants and small helpers. Only the simulator's own units include this header:
 // camsim.cpp (life cycle, the camera's thread and timers), camsimlink.cpp (its TCP and UDP link
 // to the hub: sending, connecting, receiving and executing commands) and camsimevents.cpp
-// (sleep and wake, PIR and battery events, streaming, pairing).
+// (sleep and wake, PIR and battery events, streaming, pairing), camsimupgrade.cpp (firmware
+// upgrade: fetching the image, acknowledging, restarting).
 #pragma once
 
 #include "camsim/camsim.h"
@@ -46,6 +47,9 @@ constexpr auto kSendTimeout = std::chrono::seconds(3);
 constexpr auto kPairCloseWait = std::chrono::seconds(15);
 constexpr size_t kRxCapacity = 8192;
 constexpr size_t kDatagramMax = 2048;
+// Firmware upgrade: the longest fetch and the largest image.
+constexpr long kUpgradeFetchSeconds = 60;
+constexpr size_t kMaxImage = 16u << 20;
 
 inline const uint8_t kAllOnes[6] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 inline const uint8_t kZero[6] = {0};
@@ -148,6 +152,10 @@ class Camera::Impl {
   // Appends a talk-back frame's audio to the talk-back file, when kept.
   void WriteTalk(const _net_cmd_type* frame);
   void SendTick();
+  // Firmware upgrade: the fetch runs on upgrade_thread_; its end comes back to the camera's
+  // thread as FinishUpgrade.
+  void StartUpgrade(const std::string& url, const _net_cmd_type* command);
+  void FinishUpgrade(const std::vector<uint8_t>& command, int version, const std::string& why);
 
   Origin Next();
   int SendBytes(const uint8_t* bytes, size_t n);
@@ -226,6 +234,12 @@ class Camera::Impl {
   int pir_interval_ = 0;
   int night_ = 0;
   uint32_t vbat_ = 0;
+  int soft_ver_ = 0;  // the firmware version it runs: the configuration's, then an upgrade's
+  bool rebooting_ = false;
+  int reboot_version_ = 0;
+  Clock::time_point reboot_at_;
+  std::thread upgrade_thread_;  // started and joined on the camera's thread, and by Stop
+  std::atomic<bool> upgrading_{false};
 
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;

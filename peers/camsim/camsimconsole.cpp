@@ -194,7 +194,8 @@ std::string Simulator::StatusLine(const Camera& camera) {
       << " pairings=" << s.pairings << " logins=" << s.logins << " wakes=tcp:" << s.wakes_tcp
       << ",udp:" << s.wakes_udp << " frames=" << s.frames << " heartbeats=" << s.heartbeats
       << " video=" << s.video_frames << " audio=" << s.audio_packets << " talk=" << s.talk_frames
-      << " pir=" << s.pir << " night=" << s.night << " vbat=" << s.vbat;
+      << " pir=" << s.pir << " night=" << s.night << " vbat=" << s.vbat << " fw=" << s.soft_ver
+      << " upgrades=" << s.upgrades_done << "/" << s.upgrades;
   return out.str();
 }
 

@@ -66,7 +66,7 @@ _net_cmd_get_info_type Camera::Impl::Info() const {
   struct in_addr ip;
   if (inet_pton(AF_INET, config_.ip.c_str(), &ip) == 1) std::memcpy(info.ip, &ip, 4);
   info.hard_ver = WireVersion(config_.hard_ver);
-  info.soft_ver = WireVersion(config_.soft_ver);
+  info.soft_ver = WireVersion(soft_ver_);
   info.battery_status = static_cast<uint8_t>(config_.battery_status);
   info.pir = static_cast<uint8_t>(pir_);
   info.power = static_cast<uint8_t>(config_.power);
@@ -96,7 +96,7 @@ int Camera::Impl::DoLogin(bool addressed) {
   if (!connected_) return -1;
   _net_cmd_login_type login;
   login.hard_ver = WireVersion(config_.hard_ver);
-  login.soft_ver = WireVersion(config_.soft_ver);
+  login.soft_ver = WireVersion(soft_ver_);
   uint8_t payload[_net_cmd_login_type::kWireSize];
   login.Encode(payload);
   const uint8_t* dst = addressed && hub_known_ ? hub_addr_ : nullptr;
@@ -356,9 +356,16 @@ void Camera::Impl::Execute(const _net_cmd_type* frame) {
     Ack(frame, true);
     StopStreaming("asked by the hub");
   } else if (type == kTypeControl && sub == kSubUpgrade) {
-    Log("upgrade from " + (n > 1 ? PaddedText(p + 1, n - 1) : std::string()) +
-        " left alone: this camera does not upgrade");
+    const std::string url = n > 1 ? PaddedText(p + 1, n - 1) : std::string();
     Update([](Stats& s) { s.upgrades++; });
+    if (behaviour_.fail_upgrade || upgrading_.load() || rebooting_) {
+      const std::string why = behaviour_.fail_upgrade ? "told to fail" : "an upgrade runs";
+      Log("upgrade from " + url + " refused: " + why);
+      Update([&](Stats& s) { s.upgrade_error = why; });
+      Ack(frame, false);
+      return;
+    }
+    StartUpgrade(url, frame);
   } else if (type == kTypePir && (sub == kSubPirMain || sub == kSubPirMain1 || sub == kSubPirNew)) {
     const size_t need = sub == kSubPirNew ? 2 : 1;
     if (n < need) {

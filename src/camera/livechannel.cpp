@@ -244,6 +244,10 @@ void LiveChannel::GotPacket(const _net_cmd_type* frame) {
         } else if (payload[1] == command::kSubStopStream && payload[2] == 1) {
           TLOG(LOG_DEBUG) << "This is live stop ok...";
           stream_wait_.store(0);
+        } else if (payload[1] == command::kSubUpgrade) {
+          TLOG(LOG_DEBUG) << "Camera " << mac() << " upgrade "
+                          << (payload[2] == 1 ? "accepted" : "refused");
+          upgrade_answer_.store(payload[2] == 1 ? 1 : -1);
         }
       } else if (payload[0] == command::kTypeSetting) {
         if (payload[1] == command::kSubVideoQuality && payload[2] == 1) {

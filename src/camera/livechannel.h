@@ -155,6 +155,8 @@ class LiveChannel : public Channel {
   int WakeReplacements() const { return wake_replacements_.load(); }
   // 1 from a start or stop request until the camera acknowledges it.
   int StreamWait() const { return stream_wait_.load(); }
+  // The camera's answer to the last UpgradeCamera: 0 none yet, 1 accepted, -1 refused.
+  int UpgradeAnswer() const { return upgrade_answer_.load(); }
   // Number of UDP wake threads running in the process.
   static int ActiveUdpWakes();
 
@@ -196,6 +198,7 @@ class LiveChannel : public Channel {
   std::atomic<int> send_failures_{0};
   std::atomic<int> wake_replacements_{0};
   std::atomic<int> stream_wait_{0};
+  std::atomic<int> upgrade_answer_{0};
   // Values asked for and not yet acknowledged.
   std::atomic<int> pending_pir_{0};
   std::atomic<int> pending_night_{0};

@@ -55,6 +55,7 @@ int LiveChannel::StopAVStream() {
 }
 
 int LiveChannel::UpgradeCamera(const std::string& url) {
+  upgrade_answer_.store(0);
   uint8_t payload[command::kUpgradeSize];
   command::EncodeUpgrade(url, payload);
   return SendCommand(command::kTypeControl, command::kSubUpgrade, payload, sizeof(payload));

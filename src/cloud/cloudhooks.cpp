@@ -1,4 +1,4 @@
-// The hub without firmware update and alarm upload services answers
+// The hub without the alarm upload service answers
 // their cloud messages here: each is logged and dropped, so the cloud side times out as it does
 // for any command the hub cannot carry out. A subsystem that handles one of these defines it in
 // its own unit and takes it out of this file.
@@ -15,15 +15,6 @@ int Drop(const char* what, const char* msg) {
 
 }  // namespace
 
-int ProcMsgzeloOta(const char* msg) {
-  return Drop("firmware update", msg);
-}
-int ProcMsgGetOtaState(const char* msg) {
-  return Drop("firmware update", msg);
-}
-int ProcMsgGetOtaProgress(const char* msg) {
-  return Drop("firmware update", msg);
-}
 int ParseUploadUrl(const char* msg) {
   return Drop("alarm upload", msg);
 }

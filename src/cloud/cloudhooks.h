@@ -2,11 +2,6 @@
 // MQTT thread with the whole message text. Each returns 0 or -1 and sends its own replies.
 #pragma once
 
-// Firmware update: "zeLO.ota", "zeLO.get_ota_state", "zeLO.get_ota_progress".
-int ProcMsgzeloOta(const char* msg);
-int ProcMsgGetOtaState(const char* msg);
-int ProcMsgGetOtaProgress(const char* msg);
-
 // Alarm upload: an answer whose "result" is an object carries presigned upload addresses.
 int ParseUploadUrl(const char* msg);
 // Alarm upload: an answer with this report id arrived; when it matches the head of the alarm

@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "cloud/cloudcmd.h"
 #include "cloud/mqttclient.h"
+#include "cloud/ota.h"
 #include "core/configuration.h"
 #include "core/utils.h"
 #include "crypto/hubauth.h"
@@ -47,34 +48,13 @@ std::string JsonEscape(const std::string& value) {
   return out;
 }
 
-const char* OtaStateText(int code) {
-  switch (code) {
-    case 242:
-      return "downloading";
-    case 243:
-      return "downloaded";
-    case 244:
-      return "installing";
-    case 245:
-      return "installed";
-    case 246:
-      return "failed";
-    default:
-      return "idle";
-  }
-}
-
 int ReportOtaStateBuiltIn(int code) {
   const int id = utils::generate_random_id();
   SetOtaStateReportId(id);
-  char report[128];
-  std::snprintf(report, sizeof(report),
-                "{\"id\":%d,\"method\":\"prop.ota_state\",\"params\":[\"%s\"]}", id,
-                OtaStateText(code));
-  return Publish(report);
+  return Publish(OtaStateReport(id, code).c_str());
 }
 
-int ReportOtaState(int code) {
+int ReportIdleState(int code) {
   int (*report)(int) = g_ota_reporter.load();
   return report != nullptr ? report(code) : ReportOtaStateBuiltIn(code);
 }
@@ -168,7 +148,7 @@ UidPwdHooks DefaultUidPwdHooks() {
   hooks.report_acked = IsFirstP2pInfoReportAcked;
   hooks.time_synced = IsFirstTimeSynced;
   hooks.idle_report_acked = IsFirstOtaStateReportAcked;
-  hooks.report_ota_state = ReportOtaState;
+  hooks.report_ota_state = ReportIdleState;
   hooks.wait = [] {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     return true;

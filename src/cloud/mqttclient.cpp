@@ -19,6 +19,7 @@
 #include "cloud/cloudinput.h"
 #include "cloud/mqtttopics.h"
 #include "cloud/msgring.h"
+#include "cloud/ota.h"
 #include "cloud/storagecmd.h"
 #include "core/configuration.h"
 #include "core/utils.h"

@@ -369,6 +369,11 @@ uint16_t WakePort() {
   return PortSetting(8000, port);
 }
 
+uint16_t CameraHttpPort() {
+  static const int port = PortFromEnv("TARVO_CAMERA_HTTP_PORT");
+  return PortSetting(80, port);
+}
+
 std::string MqttHost() {
   static const std::string host = [] {
     const char* value = std::getenv("TARVO_MQTT_HOST");

@@ -33,6 +33,7 @@ std::string HubIp();              // TARVO_HUB_IP, 10.17.1.1
 uint16_t CameraPort();            // TARVO_CAMERA_PORT, 8000
 uint16_t PairingPort();           // TARVO_PAIRING_PORT, 6788
 uint16_t WakePort();              // TARVO_WAKE_PORT, 8000
+uint16_t CameraHttpPort();        // TARVO_CAMERA_HTTP_PORT, 80: the web server of the camera image
 std::string MqttHost();           // TARVO_MQTT_HOST, localhost
 uint16_t MqttPort();              // TARVO_MQTT_PORT, 1883
 uint16_t P2pPort(uint16_t dflt);  // TARVO_P2P_PORT, the transport's default

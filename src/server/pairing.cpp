@@ -94,7 +94,8 @@ void StopTcpServer() {
   TLOG(LOG_DEBUG) << "stop auth tcp server, ifconfig ra1 down ok!";
   g_accept_count.store(0);
   g_running.store(false);
-  SetupLed(4);
+  ForgetLedState();
+  SetupLed(kLedReady);
 }
 
 int StartAuthServer(server::MediaServer* server) {

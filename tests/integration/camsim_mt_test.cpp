@@ -23,9 +23,11 @@
 #include "camera/command.h"
 #include "camera/framecutter.h"
 #include "camsim/camsim.h"
+#include "camsim/camsimimage.h"
 #include "camsim/camsimmedia.h"
 #include "server/pairing.h"
 #include "support/testsupport.h"
+#include "support/webserver.h"
 
 namespace {
 
@@ -335,12 +337,14 @@ TEST(Camsim, CommandsAreAnsweredToTheirSource) {
   EXPECT_EQ(Bytes({0x11, 0x02, 0x01}), hub.Nth(command::kTypeAck, 0, 3).payload());
   hub.Send(mac, command::kTypeSetting, command::kSubReset, {});
   EXPECT_EQ(Bytes({0x11, 0x04, 0x01}), hub.Nth(command::kTypeAck, 0, 4).payload());
-  // a start without its time is refused, an upgrade and an unknown command are not answered
+  // a start without its time is refused, and so is an upgrade whose image cannot be fetched
+  // (once the fetch has failed); an unknown command is not answered
   hub.Send(mac, command::kTypeControl, command::kSubStartStream, {});
   EXPECT_EQ(Bytes({0x01, 0x02, 0x00}), hub.Nth(command::kTypeAck, 0, 5).payload());
   Bytes url(65, 0);
-  std::memcpy(url.data() + 1, "http://127.0.0.1/cam.bin", 24);
+  std::memcpy(url.data() + 1, "http://127.0.0.1:1/cam.bin", 26);
   hub.Send(mac, command::kTypeControl, command::kSubUpgrade, url);
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 6).payload());
   hub.Send(mac, 0x05, 0x05, {1, 2});
   // a frame for another camera on this connection is left alone
   hub.Send("0A00000000FF", command::kTypeProp, 0, {});
@@ -352,7 +356,7 @@ TEST(Camsim, CommandsAreAnsweredToTheirSource) {
   EXPECT_EQ(30, info.pir_interval);
 
   const std::vector<Got> traffic = hub.Traffic();
-  ASSERT_EQ(9u, traffic.size());  // login, 3 properties, 5 acks, nothing for the rest
+  ASSERT_EQ(10u, traffic.size());  // login, 3 properties, 6 acks, nothing for the rest
   EXPECT_EQ(command::kTypeProp, traffic.back().type);
   EXPECT_EQ(command::kTypeAck, traffic[traffic.size() - 2].type);
   const camsim::Stats s = cam.GetStats();
@@ -361,6 +365,8 @@ TEST(Camsim, CommandsAreAnsweredToTheirSource) {
   EXPECT_EQ(500, s.bitrate);
   EXPECT_EQ(1, s.resets);
   EXPECT_EQ(1, s.upgrades);
+  EXPECT_EQ(0, s.upgrades_done);
+  EXPECT_NE(std::string::npos, s.upgrade_error.find("127.0.0.1:1/cam.bin")) << s.upgrade_error;
   EXPECT_EQ(1, s.foreign_frames);
   EXPECT_FALSE(s.streaming);
   EXPECT_EQ(3, s.Count(command::kTypeProp, 0));
@@ -746,6 +752,67 @@ TEST(Camsim, PairsWithThePairingServerAndChecksTheReply) {
   EXPECT_NE(std::string::npos, error.find("not reachable")) << error;
 }
 
+TEST(Camsim, UpgradesFromTheGivenAddressAndComesBackWithTheImagesVersion) {
+  ScriptedHub hub;
+  testsupport::WebServerOptions site;
+  site.tls = false;
+  testsupport::WebServer web(site);
+  ASSERT_TRUE(web.Start());
+  testsupport::WriteFile(web.root() + "/camera.muz", camsim::MakeImage(205, 100000));
+  testsupport::WriteFile(web.root() + "/other.bin", "not a camera image");
+  const std::string mac = "0A0000000086";
+  camsim::Behaviour b;
+  b.reboot = milliseconds(100);
+  camsim::Camera cam(Config(mac, "127.0.0.86"), Endpoint(hub.port()), b);
+  StartAndConnect(cam, hub);
+  auto upgrade = [&](const std::string& url) {
+    Bytes payload(65, 0);
+    std::memcpy(payload.data() + 1, url.data(), url.size());
+    hub.Send(mac, command::kTypeControl, command::kSubUpgrade, payload);
+  };
+
+  // what cannot be fetched, or is no image, is refused once the fetch has ended
+  upgrade(web.Url("/missing.muz"));
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 1).payload());
+  EXPECT_NE(std::string::npos, cam.GetStats().upgrade_error.find("404"));
+  upgrade(web.Url("/other.bin"));
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 2).payload());
+  EXPECT_NE(std::string::npos, cam.GetStats().upgrade_error.find("no camera image"));
+
+  // an image: accepted, then the camera restarts and logs in with its version
+  upgrade(web.Url("/camera.muz"));
+  const Got ack = hub.Nth(command::kTypeAck, 0, 3);
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x01}), ack.payload());
+  EXPECT_EQ(kHubMac, ack.dst);
+  ASSERT_TRUE(cam.WaitUntil([](const camsim::Stats& s) { return s.logins == 2; }));
+  const Got login = hub.Nth(command::kTypeLogin, 0, 2);
+  EXPECT_EQ("000000000000", login.dst);  // a new connection's first login
+  EXPECT_EQ(Bytes({0x00, 0x01, 0x00, 0x00, 0x05, 0x02, 0x00, 0x00}), login.payload());
+  EXPECT_EQ(2, hub.Accepts());
+  const camsim::Stats s = cam.GetStats();
+  EXPECT_EQ(205, s.soft_ver);
+  EXPECT_EQ(1, s.upgrades_done);
+  EXPECT_EQ(3, s.upgrades);
+  EXPECT_EQ(3,
+            web.CountRequests([](const testsupport::WebRequest& r) { return r.method == "GET"; }));
+}
+
+TEST(Camsim, ACameraToldToFailRefusesUpgradesWithoutFetching) {
+  ScriptedHub hub;
+  const std::string mac = "0A0000000087";
+  camsim::Behaviour b;
+  b.fail_upgrade = true;
+  camsim::Camera cam(Config(mac, "127.0.0.87"), Endpoint(hub.port()), b);
+  StartAndConnect(cam, hub);
+  Bytes payload(65, 0);
+  std::memcpy(payload.data() + 1, "http://127.0.0.1:1/camera.muz", 29);
+  hub.Send(mac, command::kTypeControl, command::kSubUpgrade, payload);
+  EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 1).payload());
+  EXPECT_EQ("told to fail", cam.GetStats().upgrade_error);
+  EXPECT_EQ(1, hub.Accepts());
+  EXPECT_EQ(203, cam.GetStats().soft_ver);
+}
+
 TEST(Camsim, ToolTakesCommandsOnStandardInput) {
   ScriptedHub hub;
   const std::string mac = "0A000000008B";
@@ -760,7 +827,8 @@ TEST(Camsim, ToolTakesCommandsOnStandardInput) {
   EXPECT_EQ(0, run.Wait(std::chrono::seconds(20)));
   EXPECT_TRUE(run.HasLine("^" + mac + ": connect ok$")) << ::testing::PrintToString(run.Lines());
   EXPECT_TRUE(run.HasLine("^" + mac + ": battery ok$"));
-  EXPECT_TRUE(run.HasLine("^" + mac + " 127.0.0.91 connected asleep .*vbat=3650$"));
+  EXPECT_TRUE(
+      run.HasLine("^" + mac + " 127.0.0.91 connected asleep .*vbat=3650 fw=204 upgrades=0/0$"));
   EXPECT_TRUE(run.HasLine("^\\[ *[0-9.]+\\] " + mac + " battery event sent, 3650 mV$"));
   const Got login = hub.Nth(command::kTypeLogin, 0, 1);
   EXPECT_EQ(Bytes({0x00, 0x01, 0x00, 0x00, 0x04, 0x02, 0x00, 0x00}), login.payload());
