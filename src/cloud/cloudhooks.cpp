@@ -36,7 +36,3 @@ int ProcMsgGetOtaProgress(const char* msg) {
 int ProcMsgDeleteVideo(const char* msg) {
   return Drop("recording index", msg);
 }
-int ParseUploadUrl(const char* msg) {
-  return Drop("alarm upload", msg);
-}
-void AckAlarmReport(int) {}

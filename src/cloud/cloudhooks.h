@@ -14,9 +14,3 @@ int ProcMsgGetOtaProgress(const char* msg);
 
 // Recording index: "deleteVideo".
 int ProcMsgDeleteVideo(const char* msg);
-
-// Alarm upload: an answer whose "result" is an object carries presigned upload addresses.
-int ParseUploadUrl(const char* msg);
-// Alarm upload: an answer with this report id arrived; when it matches the head of the alarm
-// list, that alarm counts as acknowledged ("This is upload motion succeed ack ").
-void AckAlarmReport(int id);

@@ -23,6 +23,7 @@
 #include "core/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
+#include "storage/pirupload.h"
 
 namespace {
 

@@ -21,6 +21,7 @@
 #include "media/playback.h"
 #include "platform/board.h"
 #include "server/mediaserver.h"
+#include "storage/pirevent.h"
 #include "storage/pirupload.h"
 #include "storage/sdcard.h"
 
@@ -119,10 +120,11 @@ int RunHub(int argc, char** argv) {
     TLOG(LOG_DEBUG) << "InitWifiConf failed, exit";
     std::exit(0);
   }
-  DisConnectCameraList();  // 8.
-  orump4_init_ffmpeg();    // 9.
-  libsodium_init();        // 10.
-  alarm_upload_init();     // 11.
+  DisConnectCameraList();       // 8.
+  orump4_init_ffmpeg();         // 9.
+  pirevent::InstallRecorder();  // every camera channel made from here on records its events
+  libsodium_init();             // 10.
+  alarm_upload_init();          // 11.
   alarm_upload_lock_init();
   InitSdCard();   // 12.
   InitLed();      // 13.

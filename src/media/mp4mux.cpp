@@ -218,9 +218,8 @@ int orump4_create_file(const char* path, int video_codec, int audio_codec, int v
   if (handle == nullptr) return -1;
   *handle = nullptr;
   if (path == nullptr || path[0] == '\0' || video_codec != kOruMp4VideoH264 ||
-      audio_codec != kOruMp4AudioG711A || video_tracks != 1 || fps < 1 || fps > 120 ||
-      width < 1 || width > 8192 || height < 1 || height > 8192 || audio_channels != 1 ||
-      sample_rate != 8000) {
+      audio_codec != kOruMp4AudioG711A || video_tracks != 1 || fps < 1 || fps > 120 || width < 1 ||
+      width > 8192 || height < 1 || height > 8192 || audio_channels != 1 || sample_rate != 8000) {
     TLOG(LOG_DEBUG) << "orump4_create_file: unsupported clip parameters";
     return -1;
   }

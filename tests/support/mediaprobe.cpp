@@ -59,12 +59,12 @@ const ProbedStream* Probe::Find(const std::string& codec) const {
 Probe ProbeFile(const std::string& path) {
   Probe probe;
   int status = 0;
-  const std::string out = Run(
-      "ffprobe -v error -count_packets -show_entries "
-      "stream=codec_name,codec_tag_string,width,height,sample_rate,nb_read_packets,duration_ts "
-      "-of default " +
-          Quote(path),
-      &status);
+  const std::string out =
+      Run("ffprobe -v error -count_packets -show_entries "
+          "stream=codec_name,codec_tag_string,width,height,sample_rate,nb_read_packets,duration_ts "
+          "-of default " +
+              Quote(path),
+          &status);
   ProbedStream* current = nullptr;
   size_t at = 0;
   while (at < out.size()) {
@@ -116,8 +116,8 @@ std::vector<std::string> TopLevelBoxes(const std::string& path) {
     unsigned char head[16];
     in.seekg(static_cast<std::streamoff>(pos));
     if (!in.read(reinterpret_cast<char*>(head), 8)) break;
-    uint64_t size = (uint64_t{head[0]} << 24) | (uint64_t{head[1]} << 16) |
-                    (uint64_t{head[2]} << 8) | head[3];
+    uint64_t size =
+        (uint64_t{head[0]} << 24) | (uint64_t{head[1]} << 16) | (uint64_t{head[2]} << 8) | head[3];
     if (size == 1) {
       if (!in.read(reinterpret_cast<char*>(head + 8), 8)) break;
       size = 0;

@@ -44,8 +44,8 @@ class MediaClip : public ::testing::Test {
   void Feed(ORU_MP4_HANDLE h, size_t from, size_t to) {
     for (size_t i = from; i < to; i++) {
       const camsim::VideoFrame& f = video_->at(i);
-      ASSERT_EQ(0, orump4_write_video_frame(h, f.data.data(), static_cast<uint32_t>(f.data.size()),
-                                            0));
+      ASSERT_EQ(
+          0, orump4_write_video_frame(h, f.data.data(), static_cast<uint32_t>(f.data.size()), 0));
       uint8_t alaw[kSamplesPerFrame];
       audio_->Copy(i * kSamplesPerFrame, alaw, sizeof(alaw));
       ASSERT_EQ(0, orump4_write_audio_frame(h, alaw, sizeof(alaw)));
