@@ -1,4 +1,4 @@
-#include "core/main.h"
+#include "startup/main.h"
 
 int main(int argc, char** argv) {
   return RunHub(argc, argv);

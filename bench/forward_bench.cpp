@@ -27,7 +27,7 @@
 #include "crypto/hubauth.h"
 #include "crypto/stream_encrypt.h"
 #include "p2p/iotc.h"
-#include "p2p/viewer.h"
+#include "viewer/p2pviewer.h"
 #include "server/client.h"
 
 namespace {

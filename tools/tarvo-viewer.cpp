@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "p2p/iotc.h"
-#include "server/ioctrl.h"
+#include "server/iotypes.h"
 #include "viewer/viewerframe.h"
 #include "viewer/viewerlive.h"
 #include "viewer/viewersession.h"

@@ -11,6 +11,8 @@
 
 #include <cstdint>
 
+#include "server/iotypes.h"
+
 namespace client {
 class Client;
 }
@@ -18,20 +20,6 @@ class Client;
 namespace server {
 
 class MediaServer;
-
-// I/O-control types (the viewer's and the hub's common vocabulary).
-constexpr uint32_t IOTYPE_USER_IPCAM_START = 0x1FF;
-constexpr uint32_t IOTYPE_USER_IPCAM_SEND_META_START = 0x200;
-constexpr uint32_t IOTYPE_USER_IPCAM_STOP = 0x2FF;
-constexpr uint32_t IOTYPE_USER_IPCAM_AUDIOSTART = 0x300;
-constexpr uint32_t IOTYPE_USER_IPCAM_AUDIOSTOP = 0x301;
-constexpr uint32_t IOTYPE_USER_IPCAM_SETSTREAMCTRL_REQ = 0x320;
-constexpr uint32_t IOTYPE_USER_IPCAM_SPEAKERSTART = 0x350;
-constexpr uint32_t IOTYPE_USER_IPCAM_SPEAKERSTOP = 0x351;
-constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_SEEKTIME = 0xF001;
-
-// Quality of a live start that names none.
-constexpr int kDefaultVideoQuality = 2;
 
 // Live start: the viewer leaves every other camera it watches, registers for video and audio
 // on this one, and the camera is asked to stream (woken first when it sleeps) at the quality.

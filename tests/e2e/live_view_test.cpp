@@ -25,7 +25,7 @@
 #include "camsim/camsimarp.h"
 #include "camsim/camsimmedia.h"
 #include "cloudsim/cloudsim.h"
-#include "cloudsim/credentials.h"
+#include "viewer/credentials.h"
 #include "server/ioctrl.h"
 #include "support/broker.h"
 #include "support/testsupport.h"

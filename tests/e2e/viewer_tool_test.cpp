@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "cloudsim/credentials.h"
+#include "viewer/credentials.h"
 #include "support/broker.h"
 #include "support/testsupport.h"
 
@@ -64,8 +64,8 @@ class ViewerToolOnHub : public ::testing::Test {
     ASSERT_NE("", hub_->WaitForLine("first report tutk info ok$", 30s));
     // The file holds the password the hub uses now.
     ASSERT_TRUE(WaitFor([&] {
-      cloudsim::Credentials c;
-      return cloudsim::ReadCredentialsFile(file_, &c) == 0 &&
+      viewer::Credentials c;
+      return viewer::ReadCredentialsFile(file_, &c) == 0 &&
              c.password == hub_->LastMatch("MakeNewAvPass: ([0-9]{6})$");
     }));
   }

@@ -16,7 +16,7 @@
 #include "cloud/cloudcmd.h"
 #include "cloud/mqttclient.h"
 #include "cloudsim/cloudsim.h"
-#include "cloudsim/credentials.h"
+#include "viewer/credentials.h"
 #include "core/configuration.h"
 #include "platform/board.h"
 #include "platform/nvram.h"
@@ -252,8 +252,8 @@ TEST(Answers, CredentialReportAcknowledgedOnceIntoTheCredentialsFile) {
   ASSERT_TRUE(WaitFor([] { return IsFirstP2pInfoReportAcked(); }));
   EXPECT_TRUE(g_log->Has("this is report tutk info ack, ret: ok", mark));
   EXPECT_EQ(1, g_log->Count("first report tutk info ok", 0));
-  cloudsim::Credentials c;
-  ASSERT_EQ(0, cloudsim::ReadCredentialsFile(options.credentials_file, &c));
+  viewer::Credentials c;
+  ASSERT_EQ(0, viewer::ReadCredentialsFile(options.credentials_file, &c));
   EXPECT_EQ("HUBUID1", c.uid);
   EXPECT_EQ("123456", c.password);
   EXPECT_EQ(std::string(64, 'a'), c.public_key);

@@ -18,7 +18,7 @@
 #include "core/configuration.h"
 #include "p2p/iotc.h"
 #include "p2p/transport.h"
-#include "p2p/viewer.h"
+#include "viewer/p2pviewer.h"
 #include "p2p/wire.h"
 #include "support/logcapture.h"
 #include "support/testsupport.h"

@@ -111,19 +111,19 @@ TEST(ViewerFrames, FrameInformationAndBothEncryptedLayoutsComeBackPlain) {
 TEST(ViewerCredentials, ALoginNeedsTheDeviceKeyAndToken) {
   testsupport::TempDir dir;
   const std::string path = dir.path() + "/creds";
-  cloudsim::Credentials c;
+  viewer::Credentials c;
   c.uid = "TARVOHUB000000000001";
   c.password = "004217";
   c.public_key = std::string(64, 'a');
   c.checktoken = "74";
   c.device_key = "TarvoDeviceKey01";
-  ASSERT_EQ(0, cloudsim::WriteCredentialsFile(path, c));
+  ASSERT_EQ(0, viewer::WriteCredentialsFile(path, c));
   viewer::AppCredentials read;
   std::string error;
   EXPECT_EQ(-1, viewer::LoadCredentials(path, &read, &error));
   EXPECT_NE(std::string::npos, error.find("device_token")) << error;
   c.device_token = "tarvo-device-token-0001";
-  ASSERT_EQ(0, cloudsim::WriteCredentialsFile(path, c));
+  ASSERT_EQ(0, viewer::WriteCredentialsFile(path, c));
   ASSERT_EQ(0, viewer::LoadCredentials(path, &read, &error)) << error;
   EXPECT_EQ("004217", read.password);
   EXPECT_EQ(-1, viewer::LoadCredentials(dir.path() + "/missing", &read, &error));

@@ -6,7 +6,7 @@
 
 #include "core/configuration.h"
 #include "core/log.h"
-#include "core/main.h"
+#include "startup/main.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 
 #include <string>
 
-namespace cloudsim {
+namespace viewer {
 
 struct Credentials {
   std::string uid;
@@ -30,7 +30,4 @@ int WriteCredentialsFile(const std::string& path, const Credentials& credentials
 // 0, or -1 when the file cannot be read or lacks uid, password or public_key.
 int ReadCredentialsFile(const std::string& path, Credentials* credentials);
 
-// The device key and token of a board root (empty strings when unreadable).
-void ReadBoardSecrets(const std::string& board, std::string* device_key, std::string* device_token);
-
-}  // namespace cloudsim
+}  // namespace viewer

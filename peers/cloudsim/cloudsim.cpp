@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <fstream>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -13,11 +14,39 @@
 #include <random>
 
 #include "cloud/mqtttopics.h"
-#include "cloudsim/credentials.h"
+#include "viewer/credentials.h"
 
 namespace cloudsim {
 
 namespace {
+
+using viewer::Credentials;
+using viewer::WriteCredentialsFile;
+
+std::string FirstLine(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  if (!in || !std::getline(in, line)) return "";
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  return line;
+}
+
+// The device key and token of a board root (empty strings when unreadable).
+void ReadBoardSecrets(const std::string& board, std::string* device_key,
+                      std::string* device_token) {
+  device_key->clear();
+  device_token->clear();
+  if (board.empty()) return;
+  std::ifstream conf(board + "/etc/zelo/device.conf");
+  std::string line;
+  while (std::getline(conf, line)) {
+    if (line.compare(0, 4, "key=") == 0) {
+      *device_key = line.substr(4);
+      break;
+    }
+  }
+  *device_token = FirstLine(board + "/etc/zelo/device.token");
+}
 
 constexpr int kQos = 2;
 

@@ -16,13 +16,13 @@
 #include <functional>
 #include <string>
 
-#include "cloudsim/credentials.h"
+#include "viewer/credentials.h"
 #include "crypto/viewerlogin.h"
-#include "p2p/viewer.h"
+#include "viewer/p2pviewer.h"
 
 namespace viewer {
 
-using AppCredentials = cloudsim::Credentials;
+using AppCredentials = viewer::Credentials;
 
 // Reads a credentials file. 0, or -1 with the reason in *error. A file without device_key or
 // device_token is refused too: the login cannot be signed without them.

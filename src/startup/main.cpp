@@ -1,4 +1,4 @@
-#include "core/main.h"
+#include "startup/main.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "p2p/viewer.h"
+#include "viewer/p2pviewer.h"
 
 namespace viewer {
 

@@ -1,4 +1,4 @@
-#include "cloudsim/credentials.h"
+#include "viewer/credentials.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,20 +9,12 @@
 #include <utility>
 #include <vector>
 
-namespace cloudsim {
+namespace viewer {
 
 namespace {
 
 bool OneLine(const std::string& value) {
   return value.find_first_of("\r\n") == std::string::npos;
-}
-
-std::string FirstLine(const std::string& path) {
-  std::ifstream in(path);
-  std::string line;
-  if (!in || !std::getline(in, line)) return "";
-  if (!line.empty() && line.back() == '\r') line.pop_back();
-  return line;
 }
 
 }  // namespace
@@ -74,20 +66,4 @@ int ReadCredentialsFile(const std::string& path, Credentials* c) {
   return c->uid.empty() || c->password.empty() || c->public_key.empty() ? -1 : 0;
 }
 
-void ReadBoardSecrets(const std::string& board, std::string* device_key,
-                      std::string* device_token) {
-  device_key->clear();
-  device_token->clear();
-  if (board.empty()) return;
-  std::ifstream conf(board + "/etc/zelo/device.conf");
-  std::string line;
-  while (std::getline(conf, line)) {
-    if (line.compare(0, 4, "key=") == 0) {
-      *device_key = line.substr(4);
-      break;
-    }
-  }
-  *device_token = FirstLine(board + "/etc/zelo/device.token");
-}
-
-}  // namespace cloudsim
+}  // namespace viewer

@@ -26,7 +26,7 @@ int MillisecondsUntil(std::chrono::steady_clock::time_point until) {
 }  // namespace
 
 int LoadCredentials(const std::string& path, AppCredentials* out, std::string* error) {
-  if (cloudsim::ReadCredentialsFile(path, out) != 0) {
+  if (viewer::ReadCredentialsFile(path, out) != 0) {
     *error = "cannot read uid, password and public_key from " + path;
     return -1;
   }

@@ -7,7 +7,7 @@
 
 #include "camera/frame.h"
 #include "camera/frameinfo.h"
-#include "server/ioctrl.h"
+#include "server/iotypes.h"
 #include "viewer/viewersession.h"
 
 namespace viewer {

@@ -1,4 +1,4 @@
-#include "p2p/viewer.h"
+#include "viewer/p2pviewer.h"
 
 #include <fcntl.h>
 #include <netdb.h>

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "p2p/viewer.h"
+#include "viewer/p2pviewer.h"
 
 namespace viewer {
 
