@@ -11,6 +11,7 @@ PACKAGES=(
   libmosquitto-dev mosquitto mosquitto-clients
   libcurl4-openssl-dev libsodium-dev libssl-dev openssl
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev ffmpeg
+  nginx
   python3 procps iproute2
 )
 
@@ -31,6 +32,14 @@ if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-# the distribution starts a system broker on 1883; the project starts its own brokers
-if command -v systemctl >/dev/null 2>&1; then $SUDO systemctl disable --now mosquitto >/dev/null 2>&1 || true; fi
+# The distribution starts a system broker on 1883 and a web server on 80; the project starts
+# its own (tests/support, scripts/webserver.sh), so both services are stopped and disabled.
+for service in mosquitto nginx; do
+  if [ -d /run/systemd/system ]; then
+    $SUDO systemctl disable --now "$service" >/dev/null 2>&1 || true
+  else
+    $SUDO service "$service" stop >/dev/null 2>&1 || true
+    $SUDO update-rc.d "$service" disable >/dev/null 2>&1 || true
+  fi
+done
 echo "install-deps: done"
