@@ -35,7 +35,9 @@ void PrintHelp() {
       "  --camera MAC[,IP]   a paired camera: uci section p2p.MAC of type p2p with the\n"
       "                      default settings, and an ARP entry on ra1 when IP is given;\n"
       "                      repeatable, at most 4 [no cameras]\n"
-      "  --card              an SD card inserted, its driver loaded and mounted [no card]\n"
+      "  --card [SIZE_MIB]   an SD card inserted, its driver loaded and mounted; SIZE_MIB\n"
+      "                      is its capacity, also that of a card inserted later [no card,\n"
+      "                      %llu MiB]\n"
       "  --shim-dir DIR      folder holding tarvo-shim [the folder of tarvo-mkboard]\n"
       "  --force             write into DIR even when it is not empty\n"
       "  -h, --help          this text\n"
@@ -43,7 +45,7 @@ void PrintHelp() {
       "Texts may not hold quotes, backslashes, $, ` or control characters; did, key and uid\n"
       "are at most 31 characters, the token 64, the SSID 32, the Wi-Fi key 8 to 63.\n",
       d.mac.c_str(), d.did.c_str(), d.key.c_str(), d.uid.c_str(), d.token.c_str(), d.ssid.c_str(),
-      d.wifi_key.c_str());
+      d.wifi_key.c_str(), static_cast<unsigned long long>(d.card_size_mib));
 }
 
 int Usage(const std::string& why) {
@@ -58,12 +60,12 @@ std::string OwnFolder() {
   return std::filesystem::path(std::string(buf, static_cast<size_t>(n))).parent_path().string();
 }
 
-bool ParseEpoch(const std::string& text, int64_t* out) {
+bool ParseDigits(const std::string& text, int64_t* out) {
   if (text.empty() || text.size() > 12) return false;
   for (char c : text) {
     if (c < '0' || c > '9') return false;
   }
-  *out = std::strtoll(text.c_str(), nullptr, 10);
+  if (out != nullptr) *out = std::strtoll(text.c_str(), nullptr, 10);
   return true;
 }
 
@@ -111,7 +113,7 @@ int main(int argc, char** argv) {
     } else if (opt == "--shim-dir") {
       if (!take(&shim_dir)) return Usage("--shim-dir needs a value");
     } else if (opt == "--clock") {
-      if (!take(&text) || !ParseEpoch(text, &options.clock)) {
+      if (!take(&text) || !ParseDigits(text, &options.clock)) {
         return Usage("--clock needs an epoch second");
       }
       options.set_clock = true;
@@ -129,7 +131,17 @@ int main(int argc, char** argv) {
       options.wifi_conf = false;
     } else if (opt == "--no-identity" && !has_value) {
       options.identity = false;
-    } else if (opt == "--card" && !has_value) {
+    } else if (opt == "--card") {
+      // The size is optional: the next word counts as one only when it is all digits.
+      if (!has_value && i + 1 < args.size() && ParseDigits(args[i + 1], nullptr)) {
+        value = args[++i];
+        has_value = true;
+      }
+      int64_t size = 0;
+      if (has_value && (!ParseDigits(value, &size) || size < 1)) {
+        return Usage("--card takes a size in MiB");
+      }
+      if (has_value) options.card_size_mib = static_cast<uint64_t>(size);
       options.card = true;
     } else if (opt == "--force" && !has_value) {
       options.force = true;

@@ -25,10 +25,12 @@
 
 #include "core/log.h"
 #include "platform/board.h"
+#include "platform/boardcard.h"
 #include "platform/boardfs.h"
 #include "platform/nvram.h"
 
 namespace fs = std::filesystem;
+namespace boardcard = platform::boardcard;
 namespace boardfs = platform::boardfs;
 
 namespace {
@@ -231,6 +233,9 @@ class Shim {
       for (auto& line : table) {
         auto f = Field(line);
         if (f.size() >= 4 && f[1] == target) {
+          if (mode == "rw" && f[0] == boardcard::kDevice && boardcard::Locked(root_)) {
+            return Fail(32, "cannot remount " + f[0] + " read-write, is write-protected");
+          }
           if (!mode.empty()) {
             const size_t comma = f[3].find(',');
             f[3] = mode + (comma == std::string::npos ? "" : f[3].substr(comma));
@@ -253,18 +258,31 @@ class Shim {
     if (dir[0] != '/' || stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
       return Fail(255, "mounting " + device + " on " + dir + " failed: No such file or directory");
     }
+    return MountLocked(&table, device, dir, type, mode);
+  }
+
+  // Adds DEVICE on DIR to the table (with the board's state lock held); the board's card brings
+  // its files onto DIR. A write-protected card is mounted read-only.
+  int MountLocked(std::vector<std::string>* table, const std::string& device,
+                  const std::string& dir, std::string type, std::string mode) {
     const std::string dev_rel = OnBoard(device), dir_rel = OnBoard(dir);
-    for (const auto& line : table) {
+    for (const auto& line : *table) {
       const auto f = Field(line);
       if (f.size() >= 2 && (f[0] == dev_rel || f[1] == dir_rel)) {
         return Fail(255, "mounting " + device + " on " + dir + " failed: Device or resource busy");
       }
     }
+    const bool card = dev_rel == boardcard::kDevice;
+    if (card && boardcard::Locked(root_)) mode = "ro";
     if (type == "auto") type = "vfat";
     const std::string flags =
         (mode.empty() ? "rw" : mode) + "," + (type == "vfat" ? kVfatOptions : "relatime");
-    table.push_back(dev_rel + " " + dir_rel + " " + type + " " + flags + " 0 0");
-    return WriteLines("/proc/mounts", table) ? 0 : Fail(1, "cannot write the mount table");
+    std::string why;
+    if (card && boardcard::Attach(root_, Board(dir_rel), &why) != 0) return Fail(255, why);
+    table->push_back(dev_rel + " " + dir_rel + " " + type + " " + flags + " 0 0");
+    if (WriteLines("/proc/mounts", *table)) return 0;
+    if (card) boardcard::Detach(root_, Board(dir_rel), &why);
+    return Fail(1, "cannot write the mount table");
   }
 
   // umount DIR|DEVICE
@@ -282,14 +300,20 @@ class Shim {
     for (size_t i = table.size(); i-- > 0;) {
       const auto f = Field(table[i]);
       if (f.size() >= 2 && (f[1] == rel || f[0] == rel)) {
+        std::string why;
+        const bool card = f[0] == boardcard::kDevice;
+        if (card && boardcard::Detach(root_, Board(f[1]), &why) != 0) return Fail(1, why);
         table.erase(table.begin() + static_cast<long>(i));
-        return WriteLines("/proc/mounts", table) ? 0 : Fail(1, "cannot write the mount table");
+        if (WriteLines("/proc/mounts", table)) return 0;
+        if (card) boardcard::Attach(root_, Board(f[1]), &why);
+        return Fail(1, "cannot write the mount table");
       }
     }
     return Fail(1, "can't unmount " + target + ": Invalid argument");
   }
 
-  // mkfs.vfat [-F N] [-n LABEL] DEVICE: empties the card's folder /mnt/<device name>.
+  // mkfs.vfat [-F N] [-n LABEL] DEVICE: empties the board's card; another device's folder
+  // /mnt/<device name>.
   int Mkfs() {
     std::vector<std::string> positional;
     for (size_t i = 0; i < args_.size(); i++) {
@@ -312,6 +336,15 @@ class Shim {
     for (const auto& line : Lines("/proc/mounts")) {
       const auto f = Field(line);
       if (!f.empty() && f[0] == rel) return Fail(1, device + " is mounted");
+    }
+    if (rel == boardcard::kDevice) {
+      if (boardcard::Locked(root_)) {
+        return Fail(1, "unable to open " + device + ": Read-only file system");
+      }
+      std::string why;
+      if (boardcard::Erase(root_, &why) != 0) return Fail(1, why);
+      Note("/var/log/mkfs.vfat.log", "mkfs.vfat " + rel);
+      return 0;
     }
     const std::string folder = Board("/mnt/" + rel.substr(5));
     std::error_code ec;
@@ -353,7 +386,28 @@ class Shim {
       }
     }
     modules.push_back(name + " 40960 0 - Live 0x00000000");
-    return WriteLines("/proc/modules", modules) ? 0 : Fail(1, "cannot write the module list");
+    if (!WriteLines("/proc/modules", modules)) return Fail(1, "cannot write the module list");
+    if (name == boardcard::kDriver) CardDriverLoaded();
+    return 0;
+  }
+
+  // The card driver finds the card in the slot and makes its device node; the hub's hot-plug
+  // then mounts it. The mount's outcome is noted in the log; insmod itself has succeeded.
+  void CardDriverLoaded() {
+    if (!boardcard::InSlot(root_)) return;
+    const std::string device = Board(boardcard::kDevice);
+    boardfs::MakeDirs(Board("/dev"));
+    struct stat st;
+    if (stat(device.c_str(), &st) != 0) boardfs::WriteFileAtomic(device, "", 0644, false);
+    std::vector<std::string> table = Lines("/proc/mounts");
+    if (!boardcard::MountDir(root_).empty()) return;
+    boardfs::MakeDirs(Board(boardcard::kMountPoint));
+    if (MountLocked(&table, device, Board(boardcard::kMountPoint), "auto", "") == 0) {
+      note_ =
+          std::string("hot-plug mounted ") + boardcard::kDevice + " on " + boardcard::kMountPoint;
+    } else {
+      note_ = "hot-plug mount failed: " + note_;
+    }
   }
 
   // rmmod MODULE
@@ -364,8 +418,14 @@ class Shim {
     std::vector<std::string> modules = Lines("/proc/modules");
     for (size_t i = 0; i < modules.size(); i++) {
       if (FirstField(modules[i]) == name) {
+        const bool card = name == boardcard::kDriver;
+        if (card && !boardcard::MountDir(root_).empty()) {
+          return Fail(1, "can't unload module '" + name + "': Resource temporarily unavailable");
+        }
         modules.erase(modules.begin() + static_cast<long>(i));
-        return WriteLines("/proc/modules", modules) ? 0 : Fail(1, "cannot write the module list");
+        if (!WriteLines("/proc/modules", modules)) return Fail(1, "cannot write the module list");
+        if (card) unlink(Board(boardcard::kDevice).c_str());
+        return 0;
       }
     }
     return Fail(1, "can't unload module '" + name + "': No such file or directory");

@@ -1,5 +1,5 @@
-// The hub without SD card, firmware update, recording index and alarm upload services answers
-// their cloud messages here: each is logged and dropped, so the cloud side times out as it does
+// The hub without a firmware update service answers its cloud
+// messages here: each is logged and dropped, so the cloud side times out as it does
 // for any command the hub cannot carry out. A subsystem that handles one of these defines it in
 // its own unit and takes it out of this file.
 #include "cloud/cloudhooks.h"
@@ -15,15 +15,6 @@ int Drop(const char* what, const char* msg) {
 
 }  // namespace
 
-int ProcMsgGetSdCardStorage(const char* msg) {
-  return Drop("SD card", msg);
-}
-int ProcMsgSdCardFormat(const char* msg) {
-  return Drop("SD card", msg);
-}
-int ProcMsgSdCardUmount(const char* msg) {
-  return Drop("SD card", msg);
-}
 int ProcMsgzeloOta(const char* msg) {
   return Drop("firmware update", msg);
 }
@@ -32,7 +23,4 @@ int ProcMsgGetOtaState(const char* msg) {
 }
 int ProcMsgGetOtaProgress(const char* msg) {
   return Drop("firmware update", msg);
-}
-int ProcMsgDeleteVideo(const char* msg) {
-  return Drop("recording index", msg);
 }

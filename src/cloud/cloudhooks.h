@@ -2,15 +2,7 @@
 // MQTT thread with the whole message text. Each returns 0 or -1 and sends its own replies.
 #pragma once
 
-// SD card: "get_sd_storage", "sd_format", "sd_umount".
-int ProcMsgGetSdCardStorage(const char* msg);
-int ProcMsgSdCardFormat(const char* msg);
-int ProcMsgSdCardUmount(const char* msg);
-
 // Firmware update: "zeLO.ota", "zeLO.get_ota_state", "zeLO.get_ota_progress".
 int ProcMsgzeloOta(const char* msg);
 int ProcMsgGetOtaState(const char* msg);
 int ProcMsgGetOtaProgress(const char* msg);
-
-// Recording index: "deleteVideo".
-int ProcMsgDeleteVideo(const char* msg);

@@ -24,6 +24,8 @@
 #include "core/utils.h"
 #include "platform/board.h"
 #include "storage/pirupload.h"
+#include "storage/recordindex.h"
+#include "storage/sdcard.h"
 
 namespace {
 

@@ -113,11 +113,25 @@ bool IsWordChar(char c) {
          std::strchr("._/+=,:@%~-", c) != nullptr;
 }
 
+// The board root goes unquoted into the hub's shell commands ("umount R/mnt/x && rm -rf
+// R/mnt/x/*"): only characters that the shell takes as part of one plain word are allowed.
+bool RootIsOneShellWord(const std::string& root) {
+  for (char c : root) {
+    if (!IsWordChar(c)) return false;
+  }
+  return !root.empty();
+}
+
 // A command may run when every word naming one of the system tools names the board's usable
 // shim, and no word names such a tool by a path outside the board.
 bool CommandAllowed(const std::string& command) {
   if (Root().empty()) {
     TLOG(LOG_ERR) << "No board root (TARVO_ROOT): refusing to run \"" << command << "\"";
+    return false;
+  }
+  if (!RootIsOneShellWord(Root())) {
+    TLOG(LOG_ERR) << "The board root holds blanks or shell characters: refusing to run \""
+                  << command << "\"";
     return false;
   }
   if (ResolvedRoot() == "/") {
@@ -389,6 +403,11 @@ int CheckBoard() {
   }
   if (ResolvedRoot() == "/") {
     TLOG(LOG_ERR) << "The board root must not be the machine's own root folder";
+    return -1;
+  }
+  if (!RootIsOneShellWord(root)) {
+    TLOG(LOG_ERR) << "Board root " << root
+                  << " holds blanks or shell characters; shell commands carry it unquoted";
     return -1;
   }
   struct stat st;

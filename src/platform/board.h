@@ -7,6 +7,7 @@
 // the board root. The host platform refuses to run without a board root.
 #pragma once
 
+#include <sys/statfs.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -58,6 +59,11 @@ int64_t NowSeconds();
 int64_t NowMicros();
 // Sets the hub's clock. On a development machine only the board's offset changes.
 int SetClock(int64_t epoch_seconds);
+
+// statfs(2) of a path. On a development machine the folder the board's SD card is mounted on
+// reports the card (src/platform/boardcard.h): its size in 4096-byte blocks and, as free, what
+// the files and folders below it leave (each takes whole blocks). Other paths are the machine's.
+int Statfs(const std::string& path, struct statfs* out);
 
 // Pid of a running process with this name, or -1. On a development machine only processes
 // whose program lies under the board root are considered.

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "platform/board.h"
+#include "platform/boardcard.h"
 #include "platform/boardfs.h"
 #include "platform/ucifile.h"
 
@@ -184,6 +185,10 @@ bool ValidateBoardOptions(const BoardOptions& options, std::string* error) {
   }
   if (options.set_clock && (options.clock < 0 || options.clock > 4102444799LL)) {
     *error = "the clock must be an epoch second from 0 to 4102444799";
+    return false;
+  }
+  if (options.card_size_mib < 1 || options.card_size_mib > boardcard::kMaxSizeMiB) {
+    *error = "the card size must be 1 to " + std::to_string(boardcard::kMaxSizeMiB) + " MiB";
     return false;
   }
   if (options.cameras.size() > 4) {
@@ -370,6 +375,7 @@ int MakeBoardRoot(const std::string& dir, const BoardOptions& options, std::stri
       !w.File("/sys/class/net/ra1/operstate", "down\n") ||
       !w.File("/sys/hub/reg/1568", options.card ? "0x00000000\n" : "0x00200000\n") ||
       !w.File("/sys/hub/reg/1572", "0x00000000\n") || !w.File("/sys/hub/led", "0\n") ||
+      !w.File(boardcard::kSizeFile, std::to_string(options.card_size_mib) + "\n") ||
       !w.Fifo("/sys/hub/events")) {
     return -1;
   }

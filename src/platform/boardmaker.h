@@ -24,7 +24,8 @@ struct BoardOptions {
   std::string wifi_key = "tarvo-cam-secret";      // wireless.@wifi-iface[2].key
   bool wifi_conf = true;                          // etc/config/wifi.conf present
   bool identity = true;                           // nvram p2p did, key and mac present
-  bool card = false;  // an SD card inserted, its driver loaded and mounted
+  bool card = false;              // an SD card inserted, its driver loaded and mounted
+  uint64_t card_size_mib = 8192;  // the card's capacity (also of one inserted later)
   bool set_clock = false;
   int64_t clock = 0;  // with set_clock: the board's clock starts at this epoch second
   std::vector<BoardCamera> cameras;  // paired cameras, at most four

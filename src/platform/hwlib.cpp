@@ -20,6 +20,7 @@
 
 #include "core/log.h"
 #include "platform/board.h"
+#include "platform/boardcard.h"
 #include "platform/boardfs.h"
 #include "platform/internal.h"
 
@@ -42,12 +43,31 @@ constexpr char kLedFile[] = "/sys/hub/led";
 constexpr char kDisconnectFile[] = "/sys/hub/ap_disconnect";
 constexpr char kCardDevice[] = "/dev/mmcblk0p1";
 
+// What a card event does to the slot: a card goes in or out (the level changes, the handler
+// gets the edge), the contacts bounce (the handler gets an edge, the level stays), or the
+// card's write-protect switch moves (no handler call).
+enum class CardChange { kInsert, kRemove, kBounceInsert, kBounceRemove, kLock, kUnlock };
+
 struct Event {
-  bool card = false;  // a card-detect event, else a key event
-  bool inserted = false;
+  bool card = false;  // a card event, else a key event
+  CardChange change = CardChange::kInsert;
   int code = 0;
   int type = 0;
 };
+
+// The handler's edge of a card event, or 0 for none.
+int CardEdge(CardChange change) {
+  switch (change) {
+    case CardChange::kInsert:
+    case CardChange::kBounceInsert:
+      return kCardInserted;
+    case CardChange::kRemove:
+    case CardChange::kBounceRemove:
+      return kCardRemoved;
+    default:
+      return 0;
+  }
+}
 
 // The key service: handlers, armed lines and the queue of in-process events, drained by one
 // event thread that also reads the board's event FIFO.
@@ -112,14 +132,31 @@ void UpdateRegister(int offset, uint32_t bits, bool set) {
 void ApplyEvent(const Event& event) {
   if (platform::Root().empty()) return;
   if (event.card) {
-    UpdateRegister(kRegGpioData, kCardBit, !event.inserted);
-    const std::string device = platform::BoardPath(kCardDevice);
-    if (event.inserted) {
-      platform::boardfs::MakeDirs(platform::BoardPath("/dev"));
-      int fd = open(device.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-      if (fd >= 0) close(fd);
-    } else {
-      unlink(device.c_str());
+    const std::string& root = platform::Root();
+    switch (event.change) {
+      case CardChange::kInsert:
+        UpdateRegister(kRegGpioData, kCardBit, false);
+        // A loaded driver finds the new card at once; otherwise the node comes with insmod.
+        if (platform::boardcard::DriverLoaded(root)) {
+          platform::boardfs::MakeDirs(platform::BoardPath("/dev"));
+          int fd =
+              open(platform::BoardPath(kCardDevice).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+          if (fd >= 0) close(fd);
+        }
+        break;
+      case CardChange::kRemove:
+        // The device node stays until the driver is unloaded, as on the hub.
+        UpdateRegister(kRegGpioData, kCardBit, true);
+        break;
+      case CardChange::kLock:
+        platform::boardfs::MakeDirs(root + platform::boardcard::kCardDir);
+        platform::boardfs::WriteFileAtomic(root + platform::boardcard::kLockFile, "", 0644, false);
+        break;
+      case CardChange::kUnlock:
+        unlink((root + platform::boardcard::kLockFile).c_str());
+        break;
+      default:
+        break;
     }
   } else if (event.type == kKeyPressed || event.type == kKeyReleased) {
     UpdateRegister(kRegKeys, kButtonBit, event.type == kKeyPressed);
@@ -129,6 +166,8 @@ void ApplyEvent(const Event& event) {
 void Dispatch(const Event& event) {
   KeyService& service = Service();
   if (event.card) {
+    const int edge = CardEdge(event.change);
+    if (edge == 0) return;
     mmc_callback_t callback;
     bool hooked;
     {
@@ -141,7 +180,7 @@ void Dispatch(const Event& event) {
     } else if (callback == nullptr) {
       TLOG(LOG_DEBUG) << "Card event dropped: no mmc key processor";
     } else {
-      callback(kGpioCardDetect, event.inserted ? kCardInserted : kCardRemoved);
+      callback(kGpioCardDetect, edge);
     }
   } else {
     key_callback_t callback;
@@ -181,12 +220,22 @@ bool ParseEventLine(const std::string& line, Event* event, bool* skip) {
     event->card = false;
     return ParseNumber(a, 0, 65535, &event->code) && ParseNumber(b, 0, 255, &event->type);
   }
-  if (word == "card" && b.empty() && (a == "insert" || a == "remove")) {
-    event->card = true;
-    event->inserted = a == "insert";
-    return true;
+  if (word != "card") return false;
+  event->card = true;
+  if (b.empty() && a == "insert") {
+    event->change = CardChange::kInsert;
+  } else if (b.empty() && a == "remove") {
+    event->change = CardChange::kRemove;
+  } else if (b.empty() && a == "lock") {
+    event->change = CardChange::kLock;
+  } else if (b.empty() && a == "unlock") {
+    event->change = CardChange::kUnlock;
+  } else if (a == "bounce" && (b == "insert" || b == "remove")) {
+    event->change = b == "insert" ? CardChange::kBounceInsert : CardChange::kBounceRemove;
+  } else {
+    return false;
   }
-  return false;
+  return true;
 }
 
 int OpenEventFifo() {
@@ -435,8 +484,22 @@ void InjectKeyEvent(int code, int type) {
 void InjectCardEvent(bool inserted) {
   Event event;
   event.card = true;
-  event.inserted = inserted;
+  event.change = inserted ? CardChange::kInsert : CardChange::kRemove;
   Inject(event);
+}
+
+void InjectCardBounce(bool insertion_edge) {
+  Event event;
+  event.card = true;
+  event.change = insertion_edge ? CardChange::kBounceInsert : CardChange::kBounceRemove;
+  Inject(event);
+}
+
+void SetCardWriteProtect(bool on) {
+  Event event;
+  event.card = true;
+  event.change = on ? CardChange::kLock : CardChange::kUnlock;
+  ApplyEvent(event);
 }
 
 int CurrentLedPattern() {

@@ -4,11 +4,13 @@
 //   <root>/sys/hub/led                the last LED pattern set
 //   <root>/sys/hub/reg/OFFSET         register values as numbers ("0x00200000")
 //   <root>/sys/hub/ap_disconnect      one line per station dropped from the camera AP (MAC)
-//   <root>/sys/hub/events             a fifo: lines "key CODE TYPE", "card insert", "card remove"
+//   <root>/sys/hub/events             a fifo: lines "key CODE TYPE", "card insert", "card remove",
+//                                     "card bounce insert|remove", "card lock", "card unlock"
 // Button and card events, from the fifo or injected by tests, update the register bits (and
-// the card's device node <root>/dev/mmcblk0p1) and are handed to the registered handlers on one
+// the board's card, src/platform/boardcard.h) and are handed to the registered handlers on one
 // event thread, as the hub's key service does. Card events reach the handler only once
-// gpio_hook(21) has armed the card-detect line.
+// gpio_hook(21) has armed the card-detect line. Inserting a card makes its device node only
+// when the card driver is loaded; removing it leaves the node until the driver is unloaded.
 #pragma once
 
 #include <cstddef>
@@ -44,6 +46,10 @@ namespace platform {
 // thread, as the hub's key service does) and update the register bits to match.
 void InjectKeyEvent(int code, int type);
 void InjectCardEvent(bool inserted);
+// Host only: an edge on the card-detect line whose level does not change (contact bounce).
+void InjectCardBounce(bool insertion_edge);
+// Host only: the board card's write-protect switch (no handler call).
+void SetCardWriteProtect(bool on);
 // Host only: the last pattern given to led_set_pattern, or 0.
 int CurrentLedPattern();
 }  // namespace platform

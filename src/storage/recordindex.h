@@ -91,4 +91,19 @@ long FileSize(const std::string& path);
 // Removes the first record with this start time. 0, or -1.
 int RemoveRecord(const std::string& path, uint32_t start);
 
+// One "deleteVideo" names at most this many events.
+constexpr size_t kMaxDeleteTimes = 1000;
+
+// A "deleteVideo" command: its id, the camera MAC (upper case) and the event start times.
+struct DeleteRequest {
+  int id = 0;
+  std::string mac;
+  std::vector<long> times;
+};
+// Checks the whole command before anything is removed: an integer "id", and "params" an array
+// of a MAC text (twelve hexadecimal digits) followed by 1 to kMaxDeleteTimes JSON integers
+// that are start times (0 to 2^32 - 1, and within long). False after a log line otherwise.
+// Whether the camera is paired is the caller's check.
+bool ParseDeleteRequest(const char* msg, DeleteRequest* request);
+
 }  // namespace recordindex

@@ -94,6 +94,7 @@ TEST_F(MkboardTest, DefaultBoardIsCompleteAndReadable) {
   EXPECT_EQ(ReadFile(root + "/proc/mounts").find("mmcblk0p1"), std::string::npos);
   EXPECT_EQ((reg_read(kRegGpioData) >> kGpioCardDetect) & 1, 1u);  // no card
   EXPECT_EQ((reg_read(kRegKeys) >> 6) & 1, 0u);                    // button up
+  EXPECT_EQ(ReadFile(root + "/sys/hub/card/size_mib"), "8192\n");  // of a card inserted later
   struct stat st;
   ASSERT_EQ(stat((root + "/sys/hub/events").c_str(), &st), 0);
   EXPECT_TRUE(S_ISFIFO(st.st_mode));
@@ -109,7 +110,7 @@ TEST_F(MkboardTest, OptionsShapeTheBoard) {
       {"--mac",    "a0b1c2d3e4f5",   "--did",   "D9",         "--key=K9", "--uid",
        "UID9",     "--token",        "tok en",  "--ssid",     "cams",     "--wifi-key",
        "12345678", "--no-wifi-conf", "--clock", "1400000000", "--camera", "0a1b2c3d4e5f,10.17.1.20",
-       "--camera", "112233445566",   "--card"});
+       "--camera", "112233445566",   "--card",  "300"});
   Use(root);
   EXPECT_EQ(Nvram("mac"), "A0B1C2D3E4F5");
   EXPECT_EQ(Nvram("did"), "D9");
@@ -141,6 +142,8 @@ TEST_F(MkboardTest, OptionsShapeTheBoard) {
   EXPECT_EQ((reg_read(kRegGpioData) >> kGpioCardDetect) & 1, 0u);
   EXPECT_NE(ReadFile(root + "/proc/mounts").find("/dev/mmcblk0p1 /mnt/mmcblk0p1 vfat rw,relatime"),
             std::string::npos);
+  EXPECT_EQ(ReadFile(root + "/proc/modules"), "mtk_sd 40960 0 - Live 0x00000000\n");
+  EXPECT_EQ(ReadFile(root + "/sys/hub/card/size_mib"), "300\n");
 
   testsupport::TempDir other;
   testsupport::MakeBoard(other.path(), {"--no-identity"});
@@ -170,6 +173,8 @@ TEST_F(MkboardTest, InvalidValuesAreRefusedAndNothingIsWritten) {
       {"--clock"},
       {"--frobnicate"},
       {"--card=yes"},
+      {"--card=0"},
+      {"--card", "2000000"},
   };
   for (const auto& args : bad) {
     std::vector<std::string> with_dir = args;

@@ -100,6 +100,16 @@ TEST_F(BoardTest, CheckBoardNeedsARootAndEveryShim) {
   platform::SetRootForTest(root() + "/etc/config/p2p");
   EXPECT_EQ(platform::CheckBoard(), -1);
   EXPECT_TRUE(Logged("is not a folder"));
+
+  // The root goes unquoted into shell commands ("rm -rf ROOT/mnt/mmcblk0p1/*"): a root with a
+  // blank would split them, so such a board is refused and runs nothing.
+  const std::string spaced = root() + "/my board";
+  std::filesystem::create_directories(spaced + "/tmp");
+  platform::SetRootForTest(spaced);
+  EXPECT_EQ(platform::CheckBoard(), -1);
+  EXPECT_TRUE(Logged("holds blanks or shell characters"));
+  EXPECT_EQ(platform::System("touch " + spaced + "/tmp/ran"), -1);
+  EXPECT_FALSE(FileExists(spaced + "/tmp/ran"));
 }
 
 TEST_F(BoardTest, CommandsReachTheBoardsShimsWithTheBoardEnvironment) {

@@ -118,8 +118,8 @@ TEST_F(HwlibTest, InjectedEventsReachTheHandlersOnOneThreadAndMoveTheRegisterBit
   ASSERT_EQ(start_key_processor(OnKey), 0);
 
   platform::InjectCardEvent(true);
-  EXPECT_FALSE(NoCardBit());  // the bits follow before the handler runs
-  EXPECT_TRUE(FileExists(root() + "/dev/mmcblk0p1"));
+  EXPECT_FALSE(NoCardBit());                            // the bits follow before the handler runs
+  EXPECT_FALSE(FileExists(root() + "/dev/mmcblk0p1"));  // no driver: no device node
   platform::InjectKeyEvent(1, 2);
   EXPECT_TRUE(ButtonBit());
   ASSERT_TRUE(received_.WaitCount(2));
@@ -127,11 +127,25 @@ TEST_F(HwlibTest, InjectedEventsReachTheHandlersOnOneThreadAndMoveTheRegisterBit
   platform::InjectCardEvent(false);
   EXPECT_FALSE(ButtonBit());
   EXPECT_TRUE(NoCardBit());
-  EXPECT_FALSE(FileExists(root() + "/dev/mmcblk0p1"));
   ASSERT_TRUE(received_.WaitCount(4));
 
+  // With the driver loaded a new card gets its node at once; it stays after removal until the
+  // driver goes. Bounces reach the handler and change nothing.
+  testsupport::WriteFile(root() + "/proc/modules", "mtk_sd 40960 0 - Live 0x00000000\n");
+  platform::InjectCardEvent(true);
+  ASSERT_TRUE(received_.WaitCount(5));
+  EXPECT_TRUE(FileExists(root() + "/dev/mmcblk0p1"));
+  platform::InjectCardBounce(false);
+  platform::InjectCardEvent(false);
+  platform::InjectCardBounce(true);
+  ASSERT_TRUE(received_.WaitCount(8));
+  EXPECT_TRUE(NoCardBit());
+  EXPECT_TRUE(FileExists(root() + "/dev/mmcblk0p1"));
+
   EXPECT_EQ(received_.Events(),
-            (std::vector<std::string>{"card 21 2 low", "key 1 2", "key 1 1", "card 21 1 high"}));
+            (std::vector<std::string>{"card 21 2 low", "key 1 2", "key 1 1", "card 21 1 high",
+                                      "card 21 2 low", "card 21 1 low", "card 21 1 high",
+                                      "card 21 2 high"}));
   std::lock_guard<std::mutex> lock(received_.mutex);
   for (const auto& id : received_.threads) {
     EXPECT_EQ(id, received_.threads[0]);
@@ -164,12 +178,17 @@ TEST_F(HwlibTest, EventsFromTheBoardFifo) {
   WriteEvents("2\n");
   ASSERT_TRUE(received_.WaitCount(2));
   EXPECT_TRUE(ButtonBit());
-  WriteEvents("key 1 1\ncard remove\n");
-  ASSERT_TRUE(received_.WaitCount(4));
+  WriteEvents("key 1 1\ncard remove\ncard lock\ncard bounce insert\ncard bounce\n");
+  ASSERT_TRUE(received_.WaitCount(5));
   EXPECT_FALSE(ButtonBit());
   EXPECT_TRUE(NoCardBit());
+  EXPECT_TRUE(FileExists(root() + "/sys/hub/card/locked"));  // the write-protect switch
+  WriteEvents("card unlock\nkey 2 2\n");
+  ASSERT_TRUE(received_.WaitCount(6));
+  EXPECT_FALSE(FileExists(root() + "/sys/hub/card/locked"));
   EXPECT_EQ(received_.Events(),
-            (std::vector<std::string>{"card 21 2 low", "key 1 2", "key 1 1", "card 21 1 high"}));
+            (std::vector<std::string>{"card 21 2 low", "key 1 2", "key 1 1", "card 21 1 high",
+                                      "card 21 2 high", "key 2 2"}));
 }
 
 TEST_F(HwlibTest, RegistersAreReadFromTheBoardFiles) {

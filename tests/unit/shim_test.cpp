@@ -89,15 +89,21 @@ TEST_F(ShimTest, CardMountFormatAndUnmountAsTheHubRunsThem) {
   const std::string format = "mkfs.vfat " + B("/dev/mmcblk0p1");
   const std::string unmount =
       "umount " + B("/mnt/mmcblk0p1") + " && rm -rf " + B("/mnt/mmcblk0p1") + "/*";
+  const std::string card = root_ + "/mnt/mmcblk0p1";
 
   EXPECT_EQ(Run(mounted).output, "");
   EXPECT_NE(Run(mount).output, "");  // no card: the device node is missing
-
   platform::InjectCardEvent(true);
-  EXPECT_EQ(Run(mount).output, "");
+  EXPECT_NE(Run(mount).output, "");  // a card, but no driver to make its node
+
+  // Loading the driver makes the node, and the hot-plug mounts the card.
+  EXPECT_EQ(Run("insmod mtk_sd.ko").status, 0);
+  EXPECT_TRUE(FileExists(root_ + "/dev/mmcblk0p1"));
   EXPECT_NE(Run(mounted).output, "");
+  EXPECT_NE(ReadFile(root_ + "/var/log/shims.log").find("hot-plug mounted"), std::string::npos);
   EXPECT_NE(Run(mount).output, "");  // already mounted
   EXPECT_EQ(Run(readonly).output, "");
+  EXPECT_EQ(Run("insmod mtk_sd.ko").status, 1);
 
   EXPECT_EQ(Run("mount -o remount,ro " + B("/dev/mmcblk0p1") + " " + B("/mnt/mmcblk0p1")).status,
             0);
@@ -107,24 +113,51 @@ TEST_F(ShimTest, CardMountFormatAndUnmountAsTheHubRunsThem) {
             0);
   EXPECT_EQ(Run(readonly).output, "");
 
-  WriteFile(root_ + "/mnt/mmcblk0p1/record/a.mp4", "clip");
-  EXPECT_NE(Run(format).output, "");  // refused while mounted
-  EXPECT_TRUE(FileExists(root_ + "/mnt/mmcblk0p1/record/a.mp4"));
+  // The card keeps its files across unmount and mount; the bare folder's stay apart.
+  WriteFile(card + "/record/a.mp4", "clip");
+  EXPECT_NE(Run(format).output, "");         // refused while mounted
+  EXPECT_NE(Run("rmmod mtk_sd").status, 0);  // busy while mounted
   EXPECT_EQ(Run(unmount).output, "");
   EXPECT_EQ(Run(mounted).output, "");
-  EXPECT_TRUE(std::filesystem::is_empty(root_ + "/mnt/mmcblk0p1"));
+  EXPECT_TRUE(std::filesystem::is_empty(card));
   EXPECT_NE(Run("umount " + B("/mnt/mmcblk0p1")).output, "");  // not mounted
+  WriteFile(card + "/bare.txt", "x");
+  EXPECT_EQ(Run(mount).output, "");
+  EXPECT_EQ(ReadFile(card + "/record/a.mp4"), "clip");
+  EXPECT_FALSE(FileExists(card + "/bare.txt"));
+  EXPECT_EQ(Run("umount " + B("/dev/mmcblk0p1")).status, 0);
+  EXPECT_TRUE(FileExists(card + "/bare.txt"));
+  EXPECT_FALSE(FileExists(card + "/record"));
 
-  WriteFile(root_ + "/mnt/mmcblk0p1/left.txt", "x");
+  // mkfs.vfat empties the card, not the bare folder.
   EXPECT_EQ(Run(format).output, "");
-  EXPECT_TRUE(std::filesystem::is_empty(root_ + "/mnt/mmcblk0p1"));
   EXPECT_EQ(ReadFile(root_ + "/var/log/mkfs.vfat.log"), "mkfs.vfat /dev/mmcblk0p1\n");
+  EXPECT_EQ(Run(mount).output, "");
+  EXPECT_TRUE(std::filesystem::is_empty(card));
+  EXPECT_EQ(Run(unmount).output, "");
 
-  EXPECT_EQ(Run("insmod mtk_sd.ko").status, 0);
-  EXPECT_NE(ReadFile(root_ + "/proc/modules").find("mtk_sd "), std::string::npos);
-  EXPECT_EQ(Run("insmod mtk_sd.ko").status, 1);
+  // A write-protected card cannot be formatted and mounts read-only for good.
+  platform::SetCardWriteProtect(true);
+  const Result locked = Run(format);
+  EXPECT_EQ(locked.status, 1);
+  EXPECT_NE(locked.output.find("Read-only file system"), std::string::npos);
+  EXPECT_EQ(Run(mount).output, "");
+  EXPECT_NE(Run(readonly).output, "");
+  const Result remount =
+      Run("mount -o remount,rw " + B("/dev/mmcblkc0p1") + " " + B("/mnt/mmcblk0p1"));
+  EXPECT_EQ(remount.status, 32);
+  EXPECT_NE(remount.output.find("write-protected"), std::string::npos);
+  platform::SetCardWriteProtect(false);
+
+  // Unloading the driver takes the node; with the slot empty, loading it makes none.
+  EXPECT_EQ(Run("umount " + B("/mnt/mmcblk0p1")).status, 0);
   EXPECT_EQ(Run("rmmod mtk_sd").status, 0);
   EXPECT_EQ(ReadFile(root_ + "/proc/modules"), "");
+  EXPECT_FALSE(FileExists(root_ + "/dev/mmcblk0p1"));
+  platform::InjectCardEvent(false);
+  EXPECT_EQ(Run("insmod mtk_sd").status, 0);
+  EXPECT_FALSE(FileExists(root_ + "/dev/mmcblk0p1"));
+  EXPECT_EQ(Run(mounted).output, "");
 }
 
 TEST_F(ShimTest, UpgradeRebootAndInterfacesAreOnlyRecorded) {
