@@ -23,6 +23,7 @@
 #include "server/mediaserver.h"
 #include "storage/pirevent.h"
 #include "storage/pirupload.h"
+#include "storage/recordsweep.h"
 #include "storage/sdcard.h"
 
 namespace {
@@ -126,9 +127,10 @@ int RunHub(int argc, char** argv) {
   libsodium_init();             // 10.
   alarm_upload_init();          // 11.
   alarm_upload_lock_init();
-  InitSdCard();   // 12.
-  InitLed();      // 13.
-  config.Init();  // 14.
+  InitSdCard();             // 12.
+  SweepUnindexedRecords();  // files a power cut left on the card without an index record
+  InitLed();                // 13.
+  config.Init();            // 14.
 
   // 15. The one media server: camera listener and P2P side. Lives as long as the process.
   auto* media_server = new server::MediaServer();
