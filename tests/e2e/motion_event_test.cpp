@@ -81,6 +81,10 @@ class MotionEvent : public ::testing::Test {
 
   void TearDown() override {
     if (camera_ != nullptr) camera_->Stop();
+    // a sanitizer build's daemon reports what it finds on its standard error
+    if (daemon_ != nullptr) {
+      EXPECT_FALSE(daemon_->HasLine("ERROR: (Address|Leak|Thread)Sanitizer|runtime error:"));
+    }
     if (HasFailure() && daemon_ != nullptr) {
       daemon_->PrintLines("hub: ");
       std::lock_guard<std::mutex> lock(log_mutex_);
