@@ -26,9 +26,9 @@
 #include "camera/mediaframe.h"
 #include "crypto/hubauth.h"
 #include "crypto/stream_encrypt.h"
+#include "p2p/client.h"
 #include "p2p/iotc.h"
 #include "viewer/p2pviewer.h"
-#include "server/client.h"
 
 namespace {
 

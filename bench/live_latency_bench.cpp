@@ -34,9 +34,9 @@
 #include "core/eventloop.h"
 #include "crypto/hubauth.h"
 #include "crypto/stream_encrypt.h"
+#include "p2p/client.h"
 #include "p2p/iotc.h"
 #include "p2p/wire.h"
-#include "server/client.h"
 
 namespace {
 

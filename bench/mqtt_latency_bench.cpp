@@ -26,9 +26,9 @@
 #include <string>
 #include <thread>
 
+#include "base/log.h"
 #include "benchsupport.h"
 #include "cloud/mqttclient.h"
-#include "core/log.h"
 #include "platform/board.h"
 #include "platform/boardmaker.h"
 

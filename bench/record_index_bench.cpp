@@ -3,7 +3,8 @@
 // same run (the ratio is the index's cost over the bytes' own). BM_FwriteTimestampOnCard adds
 // what the daemon's append costs with its card status query (one shell command) on a board.
 //
-//   build/bench/record_index_bench --benchmark_repetitions=3 --benchmark_report_aggregates_only=true
+//   build/bench/record_index_bench --benchmark_repetitions=3
+//   --benchmark_report_aggregates_only=true
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -14,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/board.h"
 #include "platform/boardmaker.h"
 #include "storage/recordindex.h"

@@ -6,12 +6,21 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
+#include "cloud/storagecmd.h"
 #include "platform/board.h"
 #include "platform/boardmaker.h"
-#include "storage/recordindex.h"
+
+namespace {
+std::string g_board;
+void RemoveBoard() {
+  std::error_code ec;
+  std::filesystem::remove_all(g_board, ec);
+}
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool ready = [] {
@@ -23,6 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string error;
     if (platform::MakeBoardRoot(dir, options, &error) != 0) std::abort();
     platform::SetRootForTest(dir);
+    g_board = dir;
+    std::atexit(RemoveBoard);
     return true;
   }();
   (void)ready;
@@ -30,13 +41,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string msg = !input.empty() && input[0] == '{'
                               ? input
                               : "{\"id\":7,\"method\":\"deleteVideo\",\"params\":" + input + "}";
-  recordindex::DeleteRequest request;
-  if (recordindex::ParseDeleteRequest(msg.c_str(), &request)) {
+  storagecmd::DeleteRequest request;
+  if (storagecmd::ParseDeleteRequest(msg.c_str(), &request)) {
     if (request.mac.size() != 12) std::abort();
     for (char c : request.mac) {
       if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) std::abort();
     }
-    if (request.times.empty() || request.times.size() > recordindex::kMaxDeleteTimes) std::abort();
+    if (request.times.empty() || request.times.size() > storagecmd::kMaxDeleteTimes) std::abort();
     for (long t : request.times) {
       if (t < 0 || t > 0xFFFFFFFFL) std::abort();
     }

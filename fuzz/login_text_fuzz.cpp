@@ -12,8 +12,8 @@
 #include <filesystem>
 #include <string>
 
+#include "base/log.h"
 #include "core/configuration.h"
-#include "core/log.h"
 #include "crypto/hubauth.h"
 #include "crypto/viewerlogin.h"
 #include "platform/board.h"

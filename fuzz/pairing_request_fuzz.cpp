@@ -9,7 +9,7 @@
 
 #include "camera/command.h"
 #include "camera/frame.h"
-#include "camera/pairing.h"
+#include "server/pairing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > pairing::kRequestBufferSize) size = pairing::kRequestBufferSize;

@@ -8,15 +8,22 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "storage/recordindex.h"
 
 namespace {
 
+std::string g_dir;
 std::string g_path;
+
+void RemoveFolder() {
+  std::error_code ec;
+  std::filesystem::remove_all(g_dir, ec);
+}
 
 std::string Contents() {
   std::string out;
@@ -50,9 +57,13 @@ bool Same(const recordindex::Record& a, const recordindex::Record& b) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static bool ready = [] {
     tlog::SetLevel(-1);  // no log records
-    char dir[] = "/tmp/tarvo-index-fuzz-XXXXXX";
-    if (mkdtemp(dir) == nullptr) std::abort();
-    g_path = std::string(dir) + "/.timestamp";
+    // Memory-backed when the machine has it: every removal syncs the file.
+    std::string dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    dir += "/tarvo-index-fuzz-XXXXXX";
+    if (mkdtemp(&dir[0]) == nullptr) std::abort();
+    g_dir = dir;
+    g_path = dir + "/.timestamp";
+    std::atexit(RemoveFolder);
     return true;
   }();
   (void)ready;

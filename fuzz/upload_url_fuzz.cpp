@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "cloud/zelojson.h"
+#include "core/zelojson.h"
 #include "storage/pirupload.h"
 
 namespace {

@@ -24,6 +24,7 @@ for stage in "${stages[@]}"; do
   echo "=== stage: $stage"
   case $stage in
     normal)
+      python3 scripts/check-layout.py
       configure build
       ninja -C build
       ctest --test-dir build "${ctest_args[@]}"

@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/board.h"
 #include "platform/boardcard.h"
 #include "platform/boardfs.h"

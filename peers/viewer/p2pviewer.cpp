@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "p2p/iotc.h"
 #include "p2p/transport.h"
 

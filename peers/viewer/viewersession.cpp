@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "p2p/iotc.h"
 #include "p2p/transport.h"
 #include "platform/board.h"

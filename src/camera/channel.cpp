@@ -6,13 +6,13 @@
 #include <cstring>
 #include <utility>
 
+#include "base/log.h"
 #include "camera/mediaframe.h"
-#include "core/log.h"
 #include "core/utils.h"
 #include "crypto/hubauth.h"
 #include "crypto/stream_encrypt.h"
+#include "p2p/client.h"
 #include "p2p/iotc.h"
-#include "server/client.h"
 
 namespace channel {
 namespace {

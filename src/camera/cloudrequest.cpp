@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace cloudrequest {
 

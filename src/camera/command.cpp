@@ -5,8 +5,8 @@
 #include <atomic>
 #include <cstring>
 
+#include "base/log.h"
 #include "core/configuration.h"
-#include "core/log.h"
 #include "core/utils.h"
 
 namespace command {

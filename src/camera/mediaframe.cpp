@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "core/utils.h"
 
 namespace video {

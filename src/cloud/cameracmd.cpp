@@ -4,12 +4,12 @@
 #include <utility>
 #include <vector>
 
+#include "base/log.h"
 #include "camera/livechannel.h"
 #include "cloud/cloudinput.h"
 #include "cloud/cmdargs.h"
-#include "cloud/zelojson.h"
-#include "core/log.h"
 #include "core/utils.h"
+#include "core/zelojson.h"
 #include "platform/uci.h"
 #include "server/mediaserver.h"
 

@@ -9,17 +9,17 @@
 #include <string>
 #include <thread>
 
+#include "base/log.h"
 #include "camera/cloudrequest.h"
 #include "camera/livechannel.h"
-#include "camera/pairing.h"
 #include "cloud/cameracmd.h"
 #include "cloud/cmdargs.h"
 #include "cloud/mqttclient.h"
-#include "cloud/zelojson.h"
-#include "core/log.h"
+#include "core/zelojson.h"
 #include "platform/hwlib.h"
 #include "platform/uci.h"
 #include "server/mediaserver.h"
+#include "server/pairing.h"
 
 namespace {
 

@@ -10,12 +10,12 @@
 #include <mutex>
 #include <string>
 
+#include "base/log.h"
 #include "cloud/cmdargs.h"
 #include "cloud/mqttclient.h"
-#include "cloud/zelojson.h"
-#include "core/log.h"
 #include "core/utils.h"
-#include "housekeeping/hubled.h"
+#include "core/zelojson.h"
+#include "led/hubled.h"
 #include "platform/board.h"
 
 namespace {

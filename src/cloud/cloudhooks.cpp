@@ -4,7 +4,7 @@
 // its own unit and takes it out of this file.
 #include "cloud/cloudhooks.h"
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 
 #include <cstdio>
 
+#include "base/log.h"
 #include "camera/camera.h"
 #include "cloud/cloudinput.h"
 #include "cloud/mqttclient.h"
-#include "core/log.h"
 #include "core/utils.h"
 #include "platform/uci.h"
 

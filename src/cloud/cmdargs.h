@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "cloud/zelojson.h"
+#include "core/zelojson.h"
 
 namespace camera {
 struct Status;

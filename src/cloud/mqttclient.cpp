@@ -12,20 +12,19 @@
 #include <mutex>
 #include <string>
 
+#include "base/log.h"
 #include "cloud/cameracmd.h"
 #include "cloud/cloudcmd.h"
 #include "cloud/cloudhooks.h"
 #include "cloud/cloudinput.h"
 #include "cloud/mqtttopics.h"
 #include "cloud/msgring.h"
-#include "cloud/zelojson.h"
+#include "cloud/storagecmd.h"
 #include "core/configuration.h"
-#include "core/log.h"
 #include "core/utils.h"
+#include "core/zelojson.h"
 #include "platform/board.h"
 #include "storage/pirupload.h"
-#include "storage/recordindex.h"
-#include "storage/sdcard.h"
 
 namespace {
 

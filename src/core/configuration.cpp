@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
 #include "platform/hwlib.h"

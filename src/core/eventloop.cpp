@@ -6,7 +6,7 @@
 #include <deque>
 #include <mutex>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace eventloop {
 namespace {

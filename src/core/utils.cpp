@@ -16,7 +16,7 @@
 #include <mutex>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/board.h"
 #include "platform/uci.h"
 

@@ -1,13 +1,12 @@
 // Key agreement and viewer credentials: the hub's X25519 key pair (new at every start), the
-// check of a viewer's signed login text and the per-slot stream keys derived from it, the P2P
-// password and its report to the cloud, the uid request, and the credentials thread.
+// check of a viewer's signed login text and the per-slot stream keys derived from it, and the
+// P2P password. Their report to the cloud and the credentials thread are cloud/credreport.h.
 //
 // The secret key and the device token never reach a log.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <string>
 
@@ -74,43 +73,10 @@ int AuthCallBackFn1(char* account, char* text);
 int AuthCallBackFn2(char* account, char* text);
 int AuthCallBackFn3(char* account, char* text);
 
+// The device token (first line of its file, at most 64 bytes). The caller wipes it after use.
+bool ReadDeviceToken(std::string* token);
+
 // Six decimal digits of value modulo 1,000,000, leading zeros kept.
 std::string FormatAvPass(uint32_t value);
 // A new uniformly drawn six-digit P2P password; it becomes the configuration's P2P password.
 std::string MakeNewAvPass();
-
-// The credential report. lock_region null gives the short form (legal_status then unused).
-std::string BuildCredentialReport(int id, const std::string& uid, const std::string& password,
-                                  const std::string& check_token, const std::string& public_key,
-                                  const std::string* lock_region, const std::string* legal_status);
-// Publishes uid, password, check token (the device token in hexadecimal) and public key, with
-// nvram p2p "lockregion" and "legalstatus" when "lockregion" is set, under a fresh report id
-// that the MQTT router then recognises. The publisher's result (1 published, 0 not), or -1 when
-// the device token cannot be read.
-int ReportNewPasswordToCloud();
-// Asks the cloud for a uid ("_sync.get_p2p_id") under a fresh id the router recognises. The
-// publisher's result.
-int RequestUid();
-
-// Where the two reports above and the idle firmware-state report go; null restores MqttReport.
-void SetCredentialPublisher(int (*publish)(const char* text));
-// The firmware-state report of step 5 of the credentials thread, given the state code; null
-// restores the built-in one, which reports state 241 as "idle".
-void SetOtaStateReporter(int (*report)(int code));
-
-// What the credentials thread looks at and how it waits; each has the daemon's default.
-struct UidPwdHooks {
-  std::function<int()> wifi_status;          // the connection status; 5 is cloud connected
-  std::function<bool()> report_acked;        // the first credential report was answered "ok"
-  std::function<bool()> time_synced;         // the clock was set by the cloud once
-  std::function<bool()> idle_report_acked;   // the first firmware-state report was answered
-  std::function<int(int)> report_ota_state;  // reports a firmware state code
-  std::function<bool()> wait;                // one polling period (1 s); false ends the thread
-};
-UidPwdHooks DefaultUidPwdHooks();
-
-// The credentials thread. arg: a UidPwdHooks* that outlives the thread, or null for the
-// defaults. In order, polling once a period: wait for status 5; ask for a uid while there is
-// none; make and report a new password until the first report is answered; wait for the first
-// time synchronisation; report firmware state 241 until that report is answered. Returns null.
-void* UidPwdFunc(void* arg);

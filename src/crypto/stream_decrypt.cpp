@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 
 crypto_work_buf encrypto_audio;
 crypto_work_buf encrypto_video;

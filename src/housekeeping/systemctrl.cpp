@@ -4,8 +4,8 @@
 
 #include <cassert>
 
-#include "core/log.h"
-#include "crypto/hubauth.h"
+#include "base/log.h"
+#include "cloud/credreport.h"
 
 int InitSystemCtrl() {
   TLOG(LOG_DEBUG) << "Periodic supervision is not part of this build yet";

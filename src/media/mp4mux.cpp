@@ -19,7 +19,7 @@ extern "C" {
 #include <cstring>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace {
 

@@ -17,7 +17,7 @@ extern "C" {
 #include <mutex>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace {
 

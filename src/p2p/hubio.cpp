@@ -15,8 +15,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/log.h"
 #include "core/configuration.h"
-#include "core/log.h"
 #include "p2p/hubstate.h"
 #include "platform/board.h"
 

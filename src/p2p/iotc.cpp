@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "p2p/hubstate.h"
 
 namespace p2p {

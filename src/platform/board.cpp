@@ -17,7 +17,7 @@
 #include <map>
 #include <mutex>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/boardfs.h"
 #include "platform/internal.h"
 

@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/board.h"
 #include "platform/boardcard.h"
 #include "platform/boardfs.h"

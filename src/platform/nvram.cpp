@@ -10,7 +10,7 @@
 #include <map>
 #include <mutex>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/board.h"
 #include "platform/boardfs.h"
 #include "platform/internal.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/board.h"
 #include "platform/boardfs.h"
 #include "platform/ucifile.h"

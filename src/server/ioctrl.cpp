@@ -8,15 +8,15 @@
 #include <system_error>
 #include <thread>
 
+#include "base/log.h"
 #include "camera/frame.h"
 #include "camera/livechannel.h"
-#include "cloud/zelojson.h"
-#include "core/log.h"
 #include "core/utils.h"
+#include "core/zelojson.h"
 #include "media/orump4playlist.h"
 #include "media/playback.h"
+#include "p2p/client.h"
 #include "p2p/iotc.h"
-#include "server/client.h"
 #include "server/mediaserver.h"
 
 namespace server {

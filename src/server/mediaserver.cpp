@@ -15,20 +15,20 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/log.h"
 #include "camera/frame.h"
 #include "camera/livechannel.h"
-#include "camera/pairing.h"
 #include "core/configuration.h"
 #include "core/eventloop.h"
-#include "core/log.h"
 #include "core/utils.h"
 #include "crypto/hubauth.h"
 #include "media/orump4playlist.h"
+#include "p2p/client.h"
 #include "p2p/iotc.h"
 #include "platform/board.h"
 #include "platform/hwlib.h"
 #include "platform/uci.h"
-#include "server/client.h"
+#include "server/pairing.h"
 
 std::atomic<server::MediaServer*> server_play{nullptr};
 
@@ -324,10 +324,22 @@ int MediaServer::CloseSession(int sid, int avIndex) {
   MediaServer* server = server_play.load();
   client::Client* client = server != nullptr ? server->GetClient(sid) : nullptr;
   if (client != nullptr) {
-    std::lock_guard<std::mutex> lock(client->sendLock());
-    client->ClearAvIndex(avIndex);
+    {
+      std::lock_guard<std::mutex> lock(client->sendLock());
+      client->ClearAvIndex(avIndex);
+    }
+    // The slot's next session must not inherit the cameras this one watched: the frame senders
+    // would drop the slot only at the next frame, and a sleeping or recording camera sends none.
+    server->LeaveAllCameras(client);
   }
   return IOTC_Session_Close(sid);
+}
+
+void MediaServer::LeaveAllCameras(client::Client* client) {
+  for (const std::string& mac : LiveChannelMacs()) {
+    const std::shared_ptr<channel::LiveChannel> ch = FindLiveChannel(mac);
+    if (ch != nullptr && ch->IsClientExist(client)) ch->UnRegisteVideoForLiveClient(client);
+  }
 }
 
 int MediaServer::RunTcpServer() {

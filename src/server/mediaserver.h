@@ -87,6 +87,9 @@ class MediaServer {
   // The channel of the MAC, or nullptr.
   std::shared_ptr<channel::LiveChannel> FindLiveChannel(const std::string& mac);
   std::vector<std::string> LiveChannelMacs();
+  // Takes the viewer slot off every camera it watches (a camera left without viewers is told to
+  // stop streaming).
+  void LeaveAllCameras(client::Client* client);
   // A camera has just paired: its old channel, if any, is replaced by a new one.
   void SyncNewCamera(const std::string& mac);
 

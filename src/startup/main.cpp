@@ -9,13 +9,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/log.h"
 #include "cloud/mqttclient.h"
 #include "core/configuration.h"
 #include "core/eventloop.h"
-#include "core/log.h"
 #include "crypto/hubauth.h"
-#include "housekeeping/hubled.h"
 #include "housekeeping/systemctrl.h"
+#include "led/hubled.h"
 #include "media/mp4mux.h"
 #include "media/orump4playlist.h"
 #include "media/playback.h"
@@ -127,6 +127,7 @@ int RunHub(int argc, char** argv) {
   libsodium_init();             // 10.
   alarm_upload_init();          // 11.
   alarm_upload_lock_init();
+  SetSdStatusReport(MqttReportPropSdStatus);
   InitSdCard();             // 12.
   SweepUnindexedRecords();  // files a power cut left on the card without an index record
   InitLed();                // 13.
@@ -142,7 +143,8 @@ int RunHub(int argc, char** argv) {
   playback_mgr_init();
   InitSyncAndReset();  // 18.
   InitSystemCtrl();    // 19.
-  InitPirUpload();     // 20.
+  SetAlarmReportPublisher(MqttReport);
+  InitPirUpload();  // 20.
 
   return eventloop::Run();  // 21.
 }

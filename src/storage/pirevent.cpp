@@ -9,10 +9,10 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/log.h"
 #include "camera/camera.h"
 #include "camera/livechannel.h"
 #include "camera/mediaframe.h"
-#include "core/log.h"
 #include "core/utils.h"
 #include "media/snapshot.h"
 #include "platform/board.h"

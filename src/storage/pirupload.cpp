@@ -18,11 +18,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include "base/log.h"
 #include "camera/livechannel.h"
-#include "cloud/mqttclient.h"
-#include "cloud/zelojson.h"
-#include "core/log.h"
 #include "core/utils.h"
+#include "core/zelojson.h"
 #include "platform/board.h"
 #include "server/mediaserver.h"
 
@@ -50,6 +49,17 @@ std::condition_variable g_wake;
 
 std::mutex g_curl_mutex;
 CURL* g_curl = nullptr;  // guarded by g_curl_mutex
+
+std::atomic<AlarmReportFn> g_publish{nullptr};
+
+int Publish(const char* text) {
+  const AlarmReportFn publish = g_publish.load();
+  if (publish == nullptr) {
+    TLOG(LOG_DEBUG) << "No cloud link, not sent: " << text;
+    return 0;
+  }
+  return publish(text);
+}
 
 void Wake() {
   std::lock_guard<std::mutex> lock(g_wake_mutex);
@@ -99,7 +109,7 @@ int RequestUrl(alarm_mgr_list* r, const char* suffix) {
                 "{\"id\":%d,\"method\":\"_sync.gen_presigned_url\",\"params\":{\"suffix\":\"%s\","
                 "\"use_https\":true}}",
                 id, suffix);
-  return MqttReport(text);
+  return Publish(text);
 }
 
 int RequestUpload(alarm_mgr_list* r, const FileSlot& f) {
@@ -190,6 +200,10 @@ void* UploadThreadEntry(void* arg) {
 }
 
 }  // namespace
+
+void SetAlarmReportPublisher(AlarmReportFn publish) {
+  g_publish.store(publish);
+}
 
 int alarm_upload_init() {
   std::lock_guard<std::mutex> lock(g_curl_mutex);
@@ -397,7 +411,7 @@ int UploadMotionAlarm(alarm_mgr_list* r) {
   char text[768];
   std::snprintf(text, sizeof(text), "{\"id\":%d,\"method\":\"%s\",\"params\":%s}", id, method,
                 params);
-  MqttReport(text);
+  Publish(text);
   if (!WaitFlag(r->event_acked)) {
     TLOG(LOG_DEBUG) << "Upload motion failed!";
     return -1;

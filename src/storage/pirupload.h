@@ -54,6 +54,11 @@ int alarm_upload_init();
 int alarm_upload_finish();
 int alarm_upload_lock_init();
 
+// How requests and reports reach the cloud (the MQTT client's report publisher, handed over at
+// start; 1 when the message went out). Without one nothing is sent and every wait times out.
+using AlarmReportFn = int (*)(const char* text);
+void SetAlarmReportPublisher(AlarmReportFn publish);
+
 // Starts the detached upload thread. 0 (-1 when the thread cannot be made).
 int InitPirUpload();
 // The upload thread's body.
@@ -69,7 +74,7 @@ int TryEraseAlarmLists(const char* mac);
 size_t AlarmListSize();
 
 // The presigned URL requests ("suffix" "mp4" or "jpeg"): a fresh id into the record's request id,
-// then MqttReport. The publish result (1 sent, 0 not).
+// then the report publisher. The publish result (1 sent, 0 not).
 int GetUploadMp4Url(alarm_mgr_list* record);
 int GetUploadPicUrl(alarm_mgr_list* record);
 

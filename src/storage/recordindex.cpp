@@ -11,10 +11,7 @@
 #include <memory>
 #include <new>
 
-#include "cloud/cmdargs.h"
-#include "cloud/mqttclient.h"
-#include "cloud/zelojson.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
 #include "storage/sdcard.h"
@@ -33,8 +30,6 @@ constexpr long long kMaxStartTime =
         : std::numeric_limits<uint32_t>::max();
 // Longest extension accepted by IsFileExist ("mp4", "jpeg").
 constexpr size_t kMaxExtension = 8;
-// How much of a refused message is logged.
-constexpr size_t kLoggedParams = 128;
 
 bool IsMac(const char* mac) {
   if (mac == nullptr) return false;
@@ -54,9 +49,13 @@ bool IsPlainExtension(const char* ext) {
   return true;
 }
 
-bool IsStartTime(long long t) {
+}  // namespace
+
+bool IsEventStartTime(long long t) {
   return t >= 0 && t <= kMaxStartTime;
 }
+
+namespace {
 
 // The wildcard removal goes through the shell: only plain path characters and a '*' reach it.
 bool IsShellSafePath(const char* path) {
@@ -235,38 +234,6 @@ int RemoveRecord(const std::string& path, uint32_t start) {
   return 0;
 }
 
-bool ParseDeleteRequest(const char* msg, DeleteRequest* request) {
-  if (request == nullptr || !cmdargs::GetId(msg, &request->id)) return false;
-  zelojson::Doc doc(msg);
-  json_object* params = doc.Get("params");
-  const size_t n = params != nullptr && json_object_is_type(params, json_type_array)
-                       ? json_object_array_length(params)
-                       : 0;
-  if (n < 2 || n > kMaxDeleteTimes + 1) {
-    TLOG(LOG_DEBUG) << "deleteVideo params must be [mac, time, ...] with 1 to " << kMaxDeleteTimes
-                    << " times: "
-                    << (params != nullptr ? zelojson::ToText(params).substr(0, kLoggedParams)
-                                          : std::string("(none)"));
-    return false;
-  }
-  if (!cmdargs::GetMac(json_object_array_get_idx(params, 0), &request->mac)) return false;
-  request->times.clear();
-  request->times.reserve(n - 1);
-  for (size_t i = 1; i < n; i++) {
-    json_object* item = json_object_array_get_idx(params, i);
-    int64_t t = 0;
-    if (!json_object_is_type(item, json_type_int) || !zelojson::GetInt64(item, &t) ||
-        !IsStartTime(t)) {
-      TLOG(LOG_DEBUG) << "deleteVideo time is not an event time: "
-                      << (item != nullptr ? zelojson::ToText(item).substr(0, kLoggedParams)
-                                          : std::string("null"));
-      return false;
-    }
-    request->times.push_back(static_cast<long>(t));
-  }
-  return true;
-}
-
 }  // namespace recordindex
 
 int GetTimestampPath(char* path, const char* mac) {
@@ -298,7 +265,7 @@ int FwriteTimestamp(long* timestamp, int, const char* mac) {
     TLOG(LOG_DEBUG) << "timestamp NULL";
     return -1;
   }
-  if (!IsStartTime(*timestamp)) {
+  if (!IsEventStartTime(*timestamp)) {
     TLOG(LOG_DEBUG) << "timestamp out of range: " << *timestamp;
     return -1;
   }
@@ -332,7 +299,7 @@ int IsFileExist(char* path, long* timestamp, char* ext, char* mac) {
     TLOG(LOG_DEBUG) << "sdcard is not exist";
     return -1;
   }
-  if (!IsMac(mac) || !IsPlainExtension(ext) || !IsStartTime(*timestamp)) {
+  if (!IsMac(mac) || !IsPlainExtension(ext) || !IsEventStartTime(*timestamp)) {
     TLOG(LOG_DEBUG) << "Refuse file name of mac, time or extension";
     return -1;
   }
@@ -394,7 +361,7 @@ int RomoveTimestamp(long timestamp, const char* mac) {
     TLOG(LOG_DEBUG) << "timestamp file path error";
     return -1;
   }
-  if (!IsStartTime(timestamp)) {
+  if (!IsEventStartTime(timestamp)) {
     TLOG(LOG_DEBUG) << "timestamp " << timestamp << " not in timestamp file";
     return -1;
   }
@@ -423,23 +390,4 @@ int RomoveTimestampAndFile(long timestamp, const char* mac) {
   const int ret = RomoveTimestamp(timestamp, mac);
   if (ret == 0) RemoveFile(path);
   return ret;
-}
-
-int ProcMsgDeleteVideo(const char* msg) {
-  TLOG(LOG_DEBUG) << "Delete camera pir video";
-  recordindex::DeleteRequest request;
-  if (!recordindex::ParseDeleteRequest(msg, &request) || !cmdargs::IsKnownCamera(request.mac)) {
-    return -1;
-  }
-  for (long t : request.times) {
-    TLOG(LOG_DEBUG) << "delete item: " << t;
-    if (RomoveTimestampAndFile(t, request.mac.c_str()) != 0) {
-      TLOG(LOG_DEBUG) << "Rm timestamp: " << t << " failed!";
-      return -1;
-    }
-    TLOG(LOG_DEBUG) << "Rm timestamp: " << t << " succeed!";
-  }
-  char reply[64];
-  std::snprintf(reply, sizeof(reply), "{\"id\":%d,\"result\":[\"OK\"]}", request.id);
-  return MqttCommandAck(reply) == 1 ? 0 : -1;
 }

@@ -12,9 +12,10 @@
 // time as unsigned 32-bit little-endian, then the event length in seconds (8 bits). Readers
 // ignore a trailing partial record (a torn append); the next append first trims it away.
 //
-// Threads. Appends come from the live channels, removals from the MQTT thread and the
-// capability thread, reads from playback and retention. timestamp_mutex serialises every open,
-// read, write and close of any index file; clip and folder removals run outside it.
+// Threads. Appends come from the live channels, removals from the MQTT thread (the cloud's
+// "deleteVideo", src/cloud/storagecmd) and the capability thread, reads from playback and
+// retention. timestamp_mutex serialises every open, read, write and close of any index file;
+// clip and folder removals run outside it.
 //
 // Paths are the paths the daemon opens (board root in front on a development machine). A MAC
 // must be twelve hexadecimal digits, an extension a short plain word: nothing else ever forms
@@ -63,10 +64,8 @@ int RomoveTimestamp(long timestamp, const char* mac);
 // that is not on the card loses just its record. The result is the index removal's.
 int RomoveTimestampAndFile(long timestamp, const char* mac);
 
-// Cloud command "deleteVideo": params [MAC, T1, T2, ...]. Replies {"id":ID,"result":["OK"]}
-// when every event was removed; stops at the first failure without a reply. 0 when answered,
-// -1 otherwise.
-int ProcMsgDeleteVideo(const char* msg);
+// A start time the index can hold: 0 to 2^32 - 1 (and within long).
+bool IsEventStartTime(long long t);
 
 // The index as a file, without the card status check: what the functions above do once the
 // path is known. Tests, benchmarks and fuzz targets use them on any file. Each takes
@@ -90,20 +89,5 @@ int ReadRecords(const std::string& path, unsigned char* buffer, size_t capacity)
 long FileSize(const std::string& path);
 // Removes the first record with this start time. 0, or -1.
 int RemoveRecord(const std::string& path, uint32_t start);
-
-// One "deleteVideo" names at most this many events.
-constexpr size_t kMaxDeleteTimes = 1000;
-
-// A "deleteVideo" command: its id, the camera MAC (upper case) and the event start times.
-struct DeleteRequest {
-  int id = 0;
-  std::string mac;
-  std::vector<long> times;
-};
-// Checks the whole command before anything is removed: an integer "id", and "params" an array
-// of a MAC text (twelve hexadecimal digits) followed by 1 to kMaxDeleteTimes JSON integers
-// that are start times (0 to 2^32 - 1, and within long). False after a log line otherwise.
-// Whether the camera is paired is the caller's check.
-bool ParseDeleteRequest(const char* msg, DeleteRequest* request);
 
 }  // namespace recordindex

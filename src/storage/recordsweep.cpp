@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "storage/recordindex.h"
 #include "storage/sdcard.h"
 

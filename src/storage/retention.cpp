@@ -10,7 +10,7 @@
 #include <new>
 #include <string>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
 #include "platform/uci.h"

@@ -4,14 +4,13 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "cloud/cmdargs.h"
-#include "cloud/mqttclient.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/utils.h"
 #include "platform/board.h"
 #include "platform/hwlib.h"
@@ -33,6 +32,13 @@ constexpr char kDriverUnload[] = "rmmod mtk_sd";
 constexpr int kRemovalEdge = 1;
 constexpr int kInsertionEdge = 2;
 constexpr unsigned kEdgeSettleSeconds = 1;
+
+std::atomic<SdStatusReport> g_report{nullptr};
+
+void Report(int status) {
+  const SdStatusReport report = g_report.load();
+  if (report != nullptr) report(status);
+}
 
 std::string Mount() {
   return platform::BoardPath(kSdCardMountPoint);
@@ -72,24 +78,11 @@ int DetectLevel() {
   return static_cast<int>((reg_read(kRegGpioData) >> kSdCardDetectLine) & 1u);
 }
 
-const char* StatusName(int status) {
-  switch (status) {
-    case SDCARD_STATUS_OFF:
-      return "SDCARD_STATUS_OFF";
-    case SDCARD_STATUS_NORMAL:
-      return "SDCARD_STATUS_NORMAL";
-    case SDCARD_STATUS_ABNORMAL:
-      return "SDCARD_STATUS_ABNORMAL";
-    case SDCARD_STATUS_FORMAT:
-      return "SDCARD_STATUS_FORMAT";
-    case SDCARD_STATUS_UNMOUNT:
-      return "SDCARD_STATUS_UNMOUNT";
-    default:
-      return "SDCARD_STATUS_UNKNOWN";
-  }
-}
-
 }  // namespace
+
+void SetSdStatusReport(SdStatusReport report) {
+  g_report.store(report);
+}
 
 int SetSdCardStatus(sdcard_status_e status) {
   pthread_mutex_lock(&sd_mutex);
@@ -300,7 +293,7 @@ int SdcardCallback(int line, int event) {
     TLOG(LOG_DEBUG) << "umount sd card and rmmod mtk_sd";
     if (SdCardIsMount() == 0) platform::System("umount " + Mount());
     platform::System(kDriverUnload);
-    MqttReportPropSdStatus(1);
+    Report(1);
   } else if (event == kInsertionEdge) {
     sleep(kEdgeSettleSeconds);
     const int level = DetectLevel();
@@ -310,7 +303,7 @@ int SdcardCallback(int line, int event) {
     if (GetSdCardStatus() != SDCARD_STATUS_OFF) return 0;
     TLOG(LOG_DEBUG) << "insmod mtk_sd";
     platform::System(kDriverLoad);
-    MqttReportPropSdStatus(0);
+    Report(0);
   }
   return 0;
 }
@@ -329,50 +322,4 @@ int InitSdCard() {
     }
   }
   return platform::System("echo start done > " + platform::BoardPath("/dev/ttyS1"));
-}
-
-int ProcMsgSdCardFormat(const char* msg) {
-  int id = 0;
-  if (!cmdargs::GetId(msg, &id)) return -1;
-  StartFormatSdCard();
-  char reply[64];
-  std::snprintf(reply, sizeof(reply), "{\"id\":%d,\"result\":[\"OK\"]}", id);
-  return MqttCommandAck(reply) == 1 ? 0 : -1;
-}
-
-int ProcMsgSdCardUmount(const char* msg) {
-  int id = 0;
-  if (!cmdargs::GetId(msg, &id)) return -1;
-  TLOG(LOG_DEBUG) << "Proc sd_card umount";
-  if (UmountSdCard() != 0) {
-    TLOG(LOG_DEBUG) << "UmountSdCard failed";
-    return -1;
-  }
-  char reply[64];
-  std::snprintf(reply, sizeof(reply), "{\"id\":%d,\"result\":[\"OK\"]}", id);
-  return MqttCommandAck(reply) == 1 ? 0 : -1;
-}
-
-int ProcMsgGetSdCardStorage(const char* msg) {
-  int id = 0;
-  if (!cmdargs::GetId(msg, &id)) return -1;
-  const int status = GetSdCardStatus();
-  TLOG(LOG_DEBUG) << StatusName(status) << ", " << StatusName(status);
-  char result[96];
-  char reply[160];
-  if (status == SDCARD_STATUS_NORMAL) {
-    unsigned long long total = 0, free = 0;
-    GetSdCardCapability(&total, &free);
-    std::snprintf(result, sizeof(result), "[%d, %llu, %llu]", 0, total, free);
-    std::snprintf(reply, sizeof(reply), "{\"id\":%d,\"result\":%s}", id, result);
-    TLOG(LOG_DEBUG) << "Get sdcard storage Ack: " << reply;
-  } else {
-    int code = 1;  // off, unmounted and anything else
-    if (status == SDCARD_STATUS_ABNORMAL) code = 3;
-    if (status == SDCARD_STATUS_FORMAT) code = 4;
-    std::snprintf(result, sizeof(result), "[%d, %d, %d]", code, 0, 0);
-    std::snprintf(reply, sizeof(reply), "{\"id\":%d,\"result\":%s}", id, result);
-    TLOG(LOG_DEBUG) << "Get camera prop Ack: " << reply;
-  }
-  return MqttCommandAck(reply) == 1 ? 0 : -1;
 }

@@ -1,5 +1,6 @@
 // The SD card: its status, the card-detect line, the card driver, mounting, unmounting and
-// formatting by shell commands, capacity, and the cloud's three card commands.
+// formatting by shell commands, and capacity. The cloud's card commands (src/cloud/storagecmd)
+// are built on these functions.
 //
 // The card is one partition, /dev/mmcblk0p1, mounted at /mnt/mmcblk0p1. Every user of the card
 // (recorder, index, retention, playback) asks GetSdCardStatus() first and goes on only when it
@@ -72,11 +73,11 @@ int GetSdCardRecordPath(char* path, int len);
 int GetSdCardCapability(unsigned long long* total, unsigned long long* free);
 
 // Card-detect handler given to the hardware library: line 21, event 1 removal edge, 2
-// insertion edge. Waits 1 s and reads the level back before acting. 0.
+// insertion edge. Waits 1 s and reads the level back before acting; reports 1 after a removal
+// and 0 after an insertion through the status report. 0.
 int SdcardCallback(int line, int event);
 
-// Cloud commands "sd_format", "sd_umount", "get_sd_storage" with the whole message text. Each
-// sends its own reply. 0, or -1 when nothing was answered.
-int ProcMsgSdCardFormat(const char* msg);
-int ProcMsgSdCardUmount(const char* msg);
-int ProcMsgGetSdCardStorage(const char* msg);
+// Where the card-detect handler's reports go: the cloud's "props" report with "sdcard_status"
+// (MqttReportPropSdStatus), set at start-up before InitSdCard. None: no report.
+using SdStatusReport = int (*)(int status);
+void SetSdStatusReport(SdStatusReport report);

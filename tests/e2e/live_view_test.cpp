@@ -425,6 +425,24 @@ TEST_F(LiveView, AMovedViewerStopsTheCameraItLeftOnlyWhenNobodyElseWatchesAndTal
   for (const Watcher::Frame& f : x->Frames()) EXPECT_NE(-1, f.clip) << f.index;
 }
 
+TEST_F(LiveView, AClosedSessionLeavesNoRegistrationForTheSlotsNextViewer) {
+  camsim::Camera& a = NewCamera(kCamA, kIpA, true);
+  auto x = NewWatcher();
+  x->Read();
+  ASSERT_EQ(0, x->Send(server::IOTYPE_USER_IPCAM_START, LiveStart(kCamA)));
+  ASSERT_TRUE(WaitFor([&] { return x->Count(0) >= 5; }, 20s));
+  // The camera falls asleep: no frame passes that could tell the hub the viewer left.
+  ASSERT_EQ(0, a.Sleep());
+  ASSERT_TRUE(Streaming(a, false));
+  x->Stop();
+  x->session().Close();
+  // The close itself takes the slot off the camera, before any frame and any new login.
+  EXPECT_TRUE(WaitFor([&] { return Lines("Remove live client slot [0-9] from camera " +
+                                         std::string(kCamA)) >= 1; }, 20s));
+  auto z = NewWatcher();
+  EXPECT_EQ(1, Lines("Remove live client slot [0-9] from camera " + std::string(kCamA)));
+}
+
 TEST_F(LiveView, AViewerThatReadsNothingIsResetWhileTheOtherGetsEveryFrame) {
   camsim::Camera& cam = NewCamera(kCamA, kIpA, true);
   auto reader = NewWatcher();

@@ -48,6 +48,7 @@ class UploadEnvironment : public ::testing::Environment {
     InitMqtt();
     ASSERT_TRUE(g_log->Wait("Subscribed \\(mid: 3\\)", mark, 20s));
     SetAlarmPollIntervalForTest(40);  // a URL or acknowledgement wait gives up after 1 s
+    SetAlarmReportPublisher(MqttReport);
     ASSERT_EQ(0, alarm_upload_init());
     ASSERT_EQ(0, InitPirUpload());
   }

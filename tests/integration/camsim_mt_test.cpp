@@ -22,9 +22,9 @@
 
 #include "camera/command.h"
 #include "camera/framecutter.h"
-#include "camera/pairing.h"
 #include "camsim/camsim.h"
 #include "camsim/camsimmedia.h"
+#include "server/pairing.h"
 #include "support/testsupport.h"
 
 namespace {

@@ -12,7 +12,6 @@
 
 #include "camera/command.h"
 #include "camera/framecutter.h"
-#include "camera/pairing.h"
 #include "camsim/camsim.h"
 #include "camsim/camsimarp.h"
 #include "camsim/camsimconsole.h"
@@ -21,6 +20,7 @@
 #include "core/utils.h"
 #include "platform/board.h"
 #include "platform/boardmaker.h"
+#include "server/pairing.h"
 #include "support/testsupport.h"
 
 namespace {

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "base/log.h"
 #include "camera/livechannel.h"
-#include "core/log.h"
-#include "server/client.h"
+#include "p2p/client.h"
 #include "server/ioctrl.h"
 #include "server/mediaserver.h"
 #include "support/testsupport.h"

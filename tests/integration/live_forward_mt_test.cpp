@@ -23,11 +23,11 @@
 #include "camsim/camsimwire.h"
 #include "crypto/hubauth.h"
 #include "crypto/stream_encrypt.h"
+#include "p2p/client.h"
 #include "p2p/iotc.h"
-#include "viewer/p2pviewer.h"
-#include "server/client.h"
 #include "support/logcapture.h"
 #include "support/testsupport.h"
+#include "viewer/p2pviewer.h"
 #include "viewer/viewerframe.h"
 
 namespace {

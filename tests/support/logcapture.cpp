@@ -2,7 +2,7 @@
 
 #include <regex>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "support/testsupport.h"
 
 namespace testsupport {

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 
 extern char** environ;
@@ -77,19 +78,41 @@ bool WaitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeou
   }
 }
 
-uint16_t FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = 0;
-  socklen_t len = sizeof(addr);
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-    std::abort();
+namespace {
+
+// Whether a TCP and a UDP socket can bind the port on 127.0.0.1 right now.
+bool Bindable(uint16_t port) {
+  for (int type : {SOCK_STREAM, SOCK_DGRAM}) {
+    const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
+    if (fd < 0) return false;
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(port);
+    const bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    close(fd);
+    if (!ok) return false;
   }
-  close(fd);
-  return ntohs(addr.sin_port);
+  return true;
+}
+
+}  // namespace
+
+uint16_t FreePort() {
+  // Ports are handed out from 10000-19999, below the kernel's ephemeral range (where every
+  // outgoing connection takes its local port, so a port found free there can be taken by a
+  // client a moment later) and below the web servers' 20000-31999. Each program starts at a
+  // place of its own and never hands out a port twice.
+  constexpr unsigned kFirst = 10000, kCount = 10000;
+  static std::mutex mutex;
+  static unsigned next = static_cast<unsigned>(getpid()) * 7919u % kCount;
+  std::lock_guard<std::mutex> lock(mutex);
+  for (unsigned tries = 0; tries < kCount; tries++) {
+    const uint16_t port = static_cast<uint16_t>(kFirst + next);
+    next = (next + 1) % kCount;
+    if (Bindable(port)) return port;
+  }
+  std::abort();
 }
 
 Process::Process(const std::vector<std::string>& argv,

@@ -46,7 +46,8 @@ bool FileExists(const std::string& path);
 bool WaitFor(const std::function<bool()>& cond,
              std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-// A free TCP port on 127.0.0.1 (bound once and released).
+// A port on 127.0.0.1 that TCP and UDP could bind a moment ago, outside the kernel's ephemeral
+// range and never handed out twice by this program.
 uint16_t FreePort();
 
 // A child process with its own environment; standard output and standard error are collected

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/boardmaker.h"
 #include "support/boardfixture.h"
 #include "support/testsupport.h"

@@ -20,10 +20,10 @@
 #include "camera/cloudrequest.h"
 #include "camera/command.h"
 #include "core/utils.h"
+#include "p2p/client.h"
 #include "platform/board.h"
 #include "platform/boardmaker.h"
 #include "platform/uci.h"
-#include "server/client.h"
 #include "support/logcapture.h"
 #include "support/testsupport.h"
 

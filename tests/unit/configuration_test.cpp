@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/board.h"
 #include "platform/hwlib.h"
 #include "platform/nvram.h"

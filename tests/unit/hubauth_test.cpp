@@ -15,9 +15,10 @@
 #include <string>
 #include <vector>
 
+#include "base/log.h"
+#include "cloud/credreport.h"
 #include "cloud/mqttclient.h"
 #include "core/configuration.h"
-#include "core/log.h"
 #include "crypto/hubauth.h"
 #include "crypto/viewerlogin.h"
 #include "platform/board.h"

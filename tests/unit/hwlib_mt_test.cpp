@@ -136,6 +136,7 @@ TEST_F(HwlibTest, InjectedEventsReachTheHandlersOnOneThreadAndMoveTheRegisterBit
   ASSERT_TRUE(received_.WaitCount(5));
   EXPECT_TRUE(FileExists(root() + "/dev/mmcblk0p1"));
   platform::InjectCardBounce(false);
+  ASSERT_TRUE(received_.WaitCount(6));  // handlers read the level when they run
   platform::InjectCardEvent(false);
   platform::InjectCardBounce(true);
   ASSERT_TRUE(received_.WaitCount(8));

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "base/log.h"
 #include "core/configuration.h"
-#include "core/log.h"
 #include "startup/main.h"
 
 namespace {

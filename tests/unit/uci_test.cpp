@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "platform/board.h"
 #include "platform/boardfs.h"
 #include "platform/boardmaker.h"

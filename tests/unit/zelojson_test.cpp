@@ -1,4 +1,4 @@
-#include "cloud/zelojson.h"
+#include "core/zelojson.h"
 
 #include <gtest/gtest.h>
 

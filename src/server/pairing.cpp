@@ -1,4 +1,4 @@
-#include "camera/pairing.h"
+#include "server/pairing.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -14,10 +14,10 @@
 #include <system_error>
 #include <thread>
 
+#include "base/log.h"
 #include "camera/command.h"
 #include "core/configuration.h"
-#include "core/log.h"
-#include "housekeeping/hubled.h"
+#include "led/hubled.h"
 #include "platform/board.h"
 #include "platform/uci.h"
 #include "server/mediaserver.h"

@@ -1,10 +1,10 @@
-#include "cloud/zelojson.h"
+#include "core/zelojson.h"
 
 #include <climits>
 #include <cstdint>
 #include <cstring>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace zelojson {
 

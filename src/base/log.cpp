@@ -1,6 +1,4 @@
-#include "core/log.h"
-
-#include "platform/board.h"
+#include "base/log.h"
 
 #include <atomic>
 #include <cstdio>
@@ -63,7 +61,10 @@ int MaskForLevel(int level) {
 void OpenSyslog() {
   // On a board root the console is the development machine's own: records that syslog cannot
   // deliver are dropped there instead of being written to the machine's console.
-  const int options = platform::Root().empty() ? (LOG_CONS | LOG_PID) : LOG_PID;
+  // The board root is named by the environment (the log sits below the platform layer).
+  const char* root = std::getenv("TARVO_ROOT");
+  const bool on_board = root != nullptr && root[0] != '\0';
+  const int options = on_board ? LOG_PID : (LOG_CONS | LOG_PID);
   openlog("tarvo-p2p", options, LOG_KERN);
   SetLevel(31);
 }

@@ -1,6 +1,6 @@
-#include "housekeeping/hubled.h"
+#include "led/hubled.h"
 
-#include "core/log.h"
+#include "base/log.h"
 
 int InitLed() {
   TLOG(LOG_DEBUG) << "LED control is not part of this build yet";

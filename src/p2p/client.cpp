@@ -1,4 +1,4 @@
-#include "server/client.h"
+#include "p2p/client.h"
 
 namespace client {
 
