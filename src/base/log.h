@@ -57,3 +57,6 @@ class Record {
 }  // namespace tlog
 
 #define TLOG(priority) ::tlog::Record((priority), __LINE__, __func__, __FILE__)
+// A record that names a function other than the one it is written in: the start-up sequence runs
+// in RunHub, but its records name the process's main function as the hub's tools expect.
+#define TLOG_AS(priority, function) ::tlog::Record((priority), __LINE__, (function), __FILE__)

@@ -128,6 +128,7 @@ void LiveChannel::InitConnect(int sockfd) {
   ev_io_set(&watcher_, sockfd, EV_READ);
   ev_io_start(loop, &watcher_);
   last_recv_time_.store(Now());
+  link_dropped_.store(false);
   wake_replacements_.store(0);
 }
 
@@ -147,6 +148,17 @@ void LiveChannel::CloseConnect() {
   camera_->SetState(camera::kStateLost);
 }
 
+void LiveChannel::DropLink(const std::shared_ptr<Connection>& conn) {
+  // A battery camera drops its link to sleep or loses it on the way: it stays a camera the hub
+  // can wake. The connection stays attached (commands are accepted and queued, as for a camera
+  // that sleeps), the socket is shut so nothing more is read or sent on it, and the watcher
+  // stops so the loop does not spin on the dead socket. The camera's next connection replaces it.
+  if (ev_is_active(&watcher_)) ev_io_stop(eventloop::Loop(), &watcher_);
+  rx_.Clear();
+  shutdown(conn->fd, SHUT_RDWR);
+  link_dropped_.store(true);
+}
+
 void LiveChannel::OnReadable(struct ev_loop* /*loop*/, ev_io* watcher, int /*revents*/) {
   static_cast<LiveChannel*>(watcher->data)->RecvStreams();
 }
@@ -163,7 +175,7 @@ int LiveChannel::RecvStreams() {
     } else {
       TLOG(LOG_DEBUG) << "Camera " << mac() << " receive failed: " << std::strerror(errno);
     }
-    CloseConnect();
+    DropLink(conn);
     return static_cast<int>(got);
   }
   if (got == 1) TLOG(LOG_DEBUG) << "recv " << mac() << " heartbeat len: " << 1;
@@ -348,7 +360,7 @@ int LiveChannel::SendCommand(const uint8_t* frame, size_t count) {
 int LiveChannel::JudgeCameraAlive(const uint8_t* frame, size_t count) {
   if (!CanSend(GetConnection()) || count > kCommandBufferSize) return -1;
   const int64_t idle = Now() - last_recv_time_.load();
-  if (idle < kAwakeSeconds) {
+  if (idle < kAwakeSeconds && !link_dropped_.load()) {
     const int res = SendCommand(frame, count);
     if (res < 0) {
       TLOG(LOG_DEBUG) << "Send command to camera mac: " << mac() << " failed, res = " << res;

@@ -71,7 +71,9 @@ class LiveChannel : public Channel {
   // Drops the current connection, if any, and empties the receive buffer.
   void CloseConnect();
   // Read callback: receives what has arrived and routes the whole frames. Returns the receive
-  // result; a closed or failed connection is dropped.
+  // result. When the camera closes its connection or it fails, the link is dropped but the
+  // camera stays connected for the rest of the hub: its commands are queued and it is woken
+  // (TCP wake on the dead link fails, the UDP wake reaches it) until it connects again.
   int RecvStreams();
   // Cuts the whole frames out of the receive buffer and routes each with GotPacket.
   void RecivedRawData();
@@ -165,6 +167,7 @@ class LiveChannel : public Channel {
   struct Connection;
   std::shared_ptr<Connection> GetConnection() const;
   bool CanSend(const std::shared_ptr<Connection>& conn) const;
+  void DropLink(const std::shared_ptr<Connection>& conn);
   int SendBytes(const std::shared_ptr<Connection>& conn, const uint8_t* bytes, size_t count);
   int Build(uint8_t type, uint8_t subtype, const uint8_t* payload, size_t length,
             const uint8_t* src);
@@ -189,6 +192,7 @@ class LiveChannel : public Channel {
 
   std::atomic<UptimeFn> uptime_;
   std::atomic<int64_t> last_recv_time_{0};
+  std::atomic<bool> link_dropped_{false};  // the camera closed the attached connection
   std::atomic<int> send_failures_{0};
   std::atomic<int> wake_replacements_{0};
   std::atomic<int> stream_wait_{0};

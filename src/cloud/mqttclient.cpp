@@ -159,6 +159,13 @@ void SaveUid(const std::string& uid) {
   Configuration::getInstance().SetP2pUid(uid);
 }
 
+// An answer matches a request only while that request is pending; the match ends it. Report ids
+// are 1..10,000,000, so 0 means nothing is pending.
+bool TakePending(std::atomic<int>& pending, int id) {
+  int expected = id;
+  return id > 0 && pending.compare_exchange_strong(expected, 0);
+}
+
 void HandleStringAnswer(const char* payload, const std::string& result) {
   int id = 0;
   if (json_get_int_value(payload, "id", &id) != 0) {
@@ -166,15 +173,15 @@ void HandleStringAnswer(const char* payload, const std::string& result) {
     return;
   }
   TLOG(LOG_DEBUG) << "curuid_id: " << id;
-  if (id == g_uid_request_id.load()) {
+  if (TakePending(g_uid_request_id, id)) {
     TLOG(LOG_DEBUG) << "this is get tutk uid callback, uid: " << result;
     SaveUid(result);
-  } else if (id == g_p2p_info_report_id.load()) {
+  } else if (TakePending(g_p2p_info_report_id, id)) {
     TLOG(LOG_DEBUG) << "this is report tutk info ack, ret: " << result;
     if (result == "ok" && !g_first_p2p_info_acked.exchange(true)) {
       TLOG(LOG_DEBUG) << "first report tutk info ok";
     }
-  } else if (id == g_ota_state_report_id.load()) {
+  } else if (TakePending(g_ota_state_report_id, id)) {
     TLOG(LOG_DEBUG) << "report upgrade state ack: " << result;
     if (result == "ok" && !g_first_ota_state_acked.exchange(true)) {
       TLOG(LOG_DEBUG) << "first report upgrade state ok";

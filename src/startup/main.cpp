@@ -113,12 +113,12 @@ int RunHub(int argc, char** argv) {
 
   // A development machine's daemon runs only on a complete board: never the machine's own tools.
   if (platform::CheckBoard() < 0) {
-    TLOG(LOG_ERR) << "Board root incomplete, refusing to start";
+    TLOG_AS(LOG_ERR, "main") << "Board root incomplete, refusing to start";
     std::exit(1);
   }
 
   if (InitWifiConf() < 0) {  // 7.
-    TLOG(LOG_DEBUG) << "InitWifiConf failed, exit";
+    TLOG_AS(LOG_DEBUG, "main") << "InitWifiConf failed, exit";
     std::exit(0);
   }
   DisConnectCameraList();       // 8.

@@ -16,7 +16,6 @@
 #include "cloud/cloudcmd.h"
 #include "cloud/mqttclient.h"
 #include "cloudsim/cloudsim.h"
-#include "viewer/credentials.h"
 #include "core/configuration.h"
 #include "platform/board.h"
 #include "platform/nvram.h"
@@ -24,6 +23,7 @@
 #include "support/broker.h"
 #include "support/logcapture.h"
 #include "support/testsupport.h"
+#include "viewer/credentials.h"
 
 namespace {
 
@@ -188,6 +188,32 @@ TEST(Answers, UidAnswerGoesToNvramAndConfiguration) {
   EXPECT_NE(std::string::npos,
             testsupport::ReadFile(Board("/etc/nvram/store")).find("p2p.uid=NEWUID0123456789ABCD"))
       << "committed";
+}
+
+TEST(Answers, OnlyAPendingRequestIsAnswered) {
+  const std::string before = "TARVOHUBPENDING00001";
+  Configuration::getInstance().SetP2pUid(before);
+  auto agent = Agent();
+  auto answer = [&](int id, const char* uid) {
+    size_t mark = g_log->Mark();
+    agent->Publish("zelo/report_ack",
+                   "{\"id\":" + std::to_string(id) + ",\"result\":\"" + uid + "\"}");
+    EXPECT_TRUE(g_log->Wait("curuid_id: " + std::to_string(id), mark));
+    Barrier(*agent);
+    return !g_log->Has("tutk uid callback|tutk info ack|upgrade state ack", mark);
+  };
+  SetUidRequestId(0);
+  SetP2pInfoReportId(0);
+  SetOtaStateReportId(0);
+  // A pending request takes its answer; then nothing is pending and an answer with id 0, the
+  // value of "nothing pending", is stray.
+  const int id = cloudsim::CloudAgent::NextId();
+  SetUidRequestId(id);
+  EXPECT_FALSE(answer(id, "FIRSTUID000000000001"));
+  EXPECT_TRUE(
+      WaitFor([] { return Configuration::getInstance().GetP2pUid() == "FIRSTUID000000000001"; }));
+  EXPECT_TRUE(answer(0, "EVILUID0000000000002"));
+  EXPECT_EQ("FIRSTUID000000000001", Configuration::getInstance().GetP2pUid());
 }
 
 TEST(Answers, UidThatIsNotAPlainTokenIsRefused) {
@@ -541,6 +567,10 @@ TEST(Client, BrokerRestartIsSurvivedAndNothingIsPublishedMeanwhile) {
   EXPECT_TRUE(g_log->Has("MqttReport error: MOSQ_ERR_NO_CONN", mark));
   EXPECT_TRUE(g_log->Has("MqttReportToCloud error: MOSQ_ERR_NO_CONN", mark));
   EXPECT_TRUE(g_log->Has("Zelo_client_in error: MOSQ_ERR_NO_CONN", mark));
+  // A reset asked for just before the link dropped still happens, though its "ok" cannot go out.
+  std::filesystem::remove(Board("/var/log/reboot.log"));
+  ProcMsgRestore("{\"id\":7,\"method\":\"zeLO.restore\",\"params\":{}}");
+  EXPECT_TRUE(testsupport::FileExists(Board("/var/log/reboot.log")));
 
   ASSERT_TRUE(g_broker->Start());
   ASSERT_TRUE(WaitFor([] { return IsMqttConnected(); }, 30s));

@@ -431,7 +431,7 @@ TEST_F(Channel, HeartbeatByteIsKeptAndCostsTheNextFrame) {
   EXPECT_EQ(ch->camera().GetStatus().soft_ver, 205);
 }
 
-TEST_F(Channel, NewConnectionReplacesTheOldAndPeerCloseDropsIt) {
+TEST_F(Channel, NewConnectionReplacesTheOldAndADroppedLinkKeepsTheCameraWakeable) {
   const int old_peer = peer;
   peer = -1;
   Connect();
@@ -440,11 +440,25 @@ TEST_F(Channel, NewConnectionReplacesTheOldAndPeerCloseDropsIt) {
   close(old_peer);
   EXPECT_TRUE(ch->IsConnected());
 
-  close(peer);
-  peer = -1;
+  // The camera closes its link (to sleep, or it lost it): nothing more is read from it, yet a
+  // command is neither refused nor lost: it is queued and the camera woken.
+  shutdown(peer, SHUT_WR);
   EXPECT_EQ(ch->RecvStreams(), 0);
-  EXPECT_FALSE(ch->IsConnected());
-  EXPECT_EQ(ch->camera().state(), camera::kStateLost);
+  EXPECT_TRUE(ch->IsConnected());
+  EXPECT_EQ(ch->camera().state(), camera::kStateConnected);
+  ch->GetCameraInfo();
+  EXPECT_EQ(ch->QueuedCommands(), 1u);
+  EXPECT_EQ(ch->SendFailures(), 0);
+
+  // It connects again and logs in: the queued command reaches it.
+  Connect();
+  CameraSends(Frame(kZero, 0xF1, 0, {1, 0, 0, 0, 1, 0, 0, 0}));
+  EXPECT_TRUE(testsupport::WaitFor([&] { return ch->QueuedCommands() == 0; }));
+  Bytes sent = HubSent();
+  ASSERT_FALSE(sent.empty());
+  EXPECT_EQ(command::AsFrame(sent.data())->type, command::kTypeProp);
+  EXPECT_TRUE(testsupport::WaitFor([] { return channel::LiveChannel::ActiveUdpWakes() == 0; },
+                                   std::chrono::seconds(10)));
 }
 
 TEST(ChannelSchedule, CoversDaySpansAndMidnight) {
