@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "platform/board.h"
 #include "storage/recordindex.h"
 #include "storage/sdcard.h"
 
@@ -103,9 +104,12 @@ int SweepUnindexedRecords() {
     TLOG(LOG_DEBUG) << "Record sweep: no usable sdcard";
     return -1;
   }
-  char root_buf[kRecordPathMax] = {0};
-  if (GetSdCardRecordPath(root_buf, sizeof(root_buf)) < 0) return -1;
-  const std::string root = root_buf;
+  // The record root is not made here: a card without one has nothing to sweep.
+  const std::string root = platform::BoardPath(std::string(kSdCardMountPoint) + kSdCardRecordDir);
+  if (!IsDir(root)) {
+    TLOG(LOG_DEBUG) << "Record sweep: no record folder";
+    return 0;
+  }
   int removed = 0;
   for (const std::string& mac : Entries(root)) {
     const std::string camera_dir = root + "/" + mac;
