@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
 # Installs every Debian package the hub daemon, its tools and its tests need.
 # Idempotent: when everything is present it only runs dpkg-query and returns.
+#
+# Optional groups, named as arguments, add what only some stages need:
+#   cross   Debian's cross compilers for mipsel and s390x and qemu's user-mode emulators
+#           (scripts/cross-sysroot.sh, the test script's cross stage, scripts/cross-test.sh)
 set -euo pipefail
 
 PACKAGES=(
@@ -14,6 +18,12 @@ PACKAGES=(
   nginx libnginx-mod-http-js
   python3 procps iproute2
 )
+for group in "$@"; do
+  case $group in
+    cross) PACKAGES+=(g++-mipsel-linux-gnu g++-s390x-linux-gnu qemu-user dpkg-dev xz-utils) ;;
+    *) echo "install-deps: unknown group $group" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${PACKAGES[@]}"; do

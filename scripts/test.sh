@@ -3,14 +3,17 @@
 #   1. a normal build, every test (unit, integration, e2e);
 #   2. an AddressSanitizer + UndefinedBehaviorSanitizer build with clang, unit and integration
 #      tests, and in the same build every libFuzzer target, each run for a bounded time;
-#   3. a ThreadSanitizer build of the threaded tests (label "threaded").
-# Stages can be picked: scripts/test.sh normal asan tsan (default: all).
+#   3. a ThreadSanitizer build of the threaded tests (label "threaded");
+#   4. cross builds for a little-endian MIPS router CPU (mipsel) and a big-endian CPU (s390x) from
+#      Debian's cross compilers and sysroots (scripts/cross-sysroot.sh), their unit tests run
+#      under qemu's user-mode emulator (the fuller cross suite: scripts/cross-test.sh).
+# Stages can be picked: scripts/test.sh normal asan tsan cross (default: all).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 
 stages=("$@")
-[ ${#stages[@]} -eq 0 ] && stages=(normal asan tsan)
+[ ${#stages[@]} -eq 0 ] && stages=(normal asan tsan cross)
 jobs=$(nproc)
 fuzz_seconds=${TARVO_FUZZ_SECONDS:-20}
 ctest_args=(--output-on-failure --no-tests=error -j "$jobs" --timeout 300)
@@ -59,6 +62,20 @@ for stage in "${stages[@]}"; do
       TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
         ctest --test-dir build-tsan -L threaded \
           -E '^LiveForward\.ListChangesWhileFramesGoOutNeverDisturbTheWalk$' "${ctest_args[@]}"
+      ;;
+    cross)
+      bash scripts/install-deps.sh cross
+      mapfile -t unit_tests < <(cd tests/unit && ls -- *_test.cpp | sed 's/\.cpp$//')
+      for arch in mipsel s390x; do
+        echo "--- $arch"
+        sysroot=$(bash scripts/cross-sysroot.sh "$arch")
+        cross_args=(-DTARVO_SYSROOT="$sysroot" -DTARVO_BENCH=OFF)
+        [ -f "build-$arch/CMakeCache.txt" ] ||
+          cross_args+=(-DCMAKE_TOOLCHAIN_FILE="cmake/toolchain-$arch.cmake")
+        configure "build-$arch" "${cross_args[@]}"
+        ninja -C "build-$arch" tarvo-p2p "${unit_tests[@]}"
+        ctest --test-dir "build-$arch" -L unit "${ctest_args[@]}"
+      done
       ;;
     *) echo "unknown stage $stage"; exit 2 ;;
   esac

@@ -89,6 +89,7 @@ class WorldEnvironment : public ::testing::Environment {
     layout.force = true;
     std::string error;
     ASSERT_EQ(platform::MakeBoardRoot(w.board.path(), layout, &error), 0) << error;
+    testsupport::RunShimsUnderEmulator(w.board.path());
     AddArp(w.board.path(), "127.0.0.4", kCamN);
     AddArp(w.board.path(), "127.0.0.5", kCamBad);
     AddArp(w.board.path(), "127.0.0.9", kCamU);

@@ -752,7 +752,8 @@ TEST(Camsim, ToolTakesCommandsOnStandardInput) {
   const std::string wake = std::to_string(testsupport::FreePort());
   const std::string tool = testsupport::BinPath("tarvo-camsim");
   const std::string script = "printf 'battery " + mac + " 3650\\nsleep all\\nstatus\\nquit\\n' | " +
-                             tool + " --board '' --hub-ip 127.0.0.1 --camera-port " +
+                             testsupport::ProgramForShell(tool) +
+                             " --board '' --hub-ip 127.0.0.1 --camera-port " +
                              std::to_string(hub.port()) + " --wake-port " + wake + " --camera " +
                              mac + ",127.0.0.91,fw=204";
   testsupport::Process run({"/bin/sh", "-c", script}, {});

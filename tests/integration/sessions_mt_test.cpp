@@ -369,7 +369,7 @@ TEST_F(Sessions, ABusyP2pPortLeavesTheRestOfTheHubRunning) {
 
 // Clearing the running flag tears the P2P libraries down and ends the process with status 0.
 TEST(SessionsShutdown, ClearingRunningEndsTheProcessWithStatusZero) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, testsupport::FreshChildDeathTestStyle());
   setenv("TARVO_LOG_STDERR", "1", 1);
   setenv("TARVO_P2P_PORT", std::to_string(testsupport::FreePort()).c_str(), 1);
   EXPECT_EXIT(

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -50,6 +51,50 @@ void MakeBoard(const std::string& dir, const std::vector<std::string>& options) 
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
       << "tarvo-mkboard failed:\n"
       << ::testing::PrintToString(mk.Lines());
+  RunShimsUnderEmulator(dir);
+}
+
+namespace {
+
+// The emulator's command words in a cross build; none in a native one.
+std::vector<std::string> EmulatorWords() {
+  std::vector<std::string> words;
+#ifdef TARVO_PROGRAM_EMULATOR
+  std::istringstream in(TARVO_PROGRAM_EMULATOR);
+  for (std::string word; std::getline(in, word, '|');) words.push_back(word);
+#endif
+  return words;
+}
+
+}  // namespace
+
+std::string ProgramForShell(const std::string& program) {
+  std::string command;
+  for (const auto& word : EmulatorWords()) command += "'" + word + "' ";
+  return command + program;
+}
+
+void RunShimsUnderEmulator(const std::string& board) {
+  if (EmulatorWords().empty()) return;
+  const std::string shim = board + "/bin/tarvo-shim";
+  const std::string program = shim + ".elf";
+  if (!FileExists(shim) || ReadFile(shim).compare(0, 4,
+                                                  "\x7f"
+                                                  "ELF") != 0)
+    return;
+  ASSERT_EQ(std::rename(shim.c_str(), program.c_str()), 0);
+  // The shim finds its board from its own path and its tool from argv[0]: both are kept.
+  WriteFile(shim, "#!/bin/sh\nexec " +
+                      ProgramForShell("-0 \"$0\" \"$(dirname \"$0\")/tarvo-shim.elf\" \"$@\"\n"));
+  ASSERT_EQ(chmod(shim.c_str(), 0755), 0);
+}
+
+const char* FreshChildDeathTestStyle() {
+#ifdef TARVO_PROGRAM_EMULATOR
+  return "fast";
+#else
+  return "threadsafe";
+#endif
 }
 
 std::string ReadFile(const std::string& path) {
@@ -134,6 +179,12 @@ Process::Process(const std::vector<std::string>& argv,
   for (auto& s : env_strings) envp.push_back(s.data());
   envp.push_back(nullptr);
   std::vector<std::string> argv_copy = argv;
+  // A cross-built program of this build runs under the same emulator as the test itself.
+  const std::string bin_dir = std::string(TARVO_BIN_DIR) + "/";
+  if (!argv_copy.empty() && argv_copy[0].compare(0, bin_dir.size(), bin_dir) == 0) {
+    const std::vector<std::string> emulator = EmulatorWords();
+    argv_copy.insert(argv_copy.begin(), emulator.begin(), emulator.end());
+  }
   for (auto& s : argv_copy) args.push_back(s.data());
   args.push_back(nullptr);
 

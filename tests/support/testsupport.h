@@ -35,6 +35,20 @@ class TempDir {
   std::string path_;
 };
 
+// In a cross build whose tests run under an emulator, the board's shims (a program of the
+// build, run by the host's shell) are wrapped so that the shell starts them under the same
+// emulator. Does nothing in a native build.
+void RunShimsUnderEmulator(const std::string& board);
+
+// A program of this build as a shell command starts it: its path, behind the emulator's words
+// in a cross build.
+std::string ProgramForShell(const std::string& program);
+
+// The death-test style for a child that must start afresh: "threadsafe" re-executes the test
+// program, which an emulated program cannot do; there it is "fast" (a plain fork), and the
+// test must not have touched what the child checks.
+const char* FreshChildDeathTestStyle();
+
 // Runs tarvo-mkboard into dir with extra options ("--uid", "X", ...). Fails the test on error.
 void MakeBoard(const std::string& dir, const std::vector<std::string>& options = {});
 

@@ -117,7 +117,7 @@ TEST(RandomId, StaysWithinItsRange) {
 
 // The offset is read once per process, so each zone is tried in a fresh one.
 void ExpectLocalTimeIsNowMinusOffset(const char* zone, double offset) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, testsupport::FreshChildDeathTestStyle());
   EXPECT_EXIT(CheckZoneAndExit(zone, offset), ::testing::ExitedWithCode(0), "") << zone;
 }
 
