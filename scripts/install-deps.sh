@@ -15,7 +15,7 @@ PACKAGES=(
   libmosquitto-dev mosquitto mosquitto-clients
   libcurl4-openssl-dev libsodium-dev libssl-dev openssl
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev ffmpeg
-  nginx
+  nginx libnginx-mod-http-js
   python3 procps iproute2
 )
 for group in "$@"; do

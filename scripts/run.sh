@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The hub on this machine: builds everything, makes a fresh board root in out/board with one
-# camera, starts a local mosquitto broker, the daemon on that board, the cloud agent simulator
-# and a simulated camera streaming the generated test clip; then a viewer watches the camera for
-# a few seconds (and talks back to it), the script says where the viewer's recording is, and it
+# camera and an SD card, starts a local mosquitto broker, an nginx upload server (HTTPS, its test
+# CA in the board's CA folder), the daemon on that board, the cloud agent simulator and a
+# simulated camera streaming the generated test clip; then a viewer watches the camera for a few
+# seconds (and talks back to it), the camera raises a motion event, the script says where the
+# viewer's recording, the event's clip, snapshot and index and the decrypted uploads are, and it
 # shows the daemon's log until Ctrl-C. Nothing outside out/ (and the build folder) is touched:
 # the daemon's tools are the board's shims.
 #
@@ -27,7 +29,7 @@ mqtt_port=$(free_port)
 
 camera_mac=0A0000000001
 camera_ip=127.0.0.2
-"$build/tarvo-mkboard" --camera "$camera_mac,$camera_ip" "$board"
+"$build/tarvo-mkboard" --card --camera "$camera_mac,$camera_ip" "$board"
 media=$(scripts/make-test-media.sh "$out/media")
 video=$(sed -n 1p <<<"$media")
 audio=$(sed -n 2p <<<"$media")
@@ -43,7 +45,9 @@ CONF
 pids=()
 cleanup() {
   trap - INT TERM EXIT
+  exec 3>&- 2>/dev/null || true
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  scripts/webserver.sh stop "$out/web" 2>/dev/null || true
   wait 2>/dev/null || true
   echo
   echo "Stopped. The board root stays in $board (shim requests: $board/var/log/shims.log)."
@@ -52,6 +56,12 @@ trap cleanup INT TERM EXIT
 
 mosquitto -c "$out/mosquitto.conf" >"$out/mosquitto.log" 2>&1 &
 pids+=($!)
+
+# The cloud's upload storage: nginx taking PUTs over HTTPS, its CA trusted by the board.
+web_port=$(scripts/webserver.sh start "$out/web" --put)
+scripts/webserver.sh install-ca "$out/web" "$board/etc/ssl/certs" >/dev/null
+upload_url="https://127.0.0.1:$web_port/uploads"
+mkdir -p "$out/uploads-decrypted"
 
 export TARVO_ROOT=$board
 export TARVO_LOG_STDERR=1
@@ -68,6 +78,7 @@ echo "Board root:  $board"
 echo "MQTT broker: 127.0.0.1:$mqtt_port (log: $out/mosquitto.log)"
 echo "Daemon log:  $out/tarvo-p2p.log"
 echo "P2P port:    $TARVO_P2P_PORT"
+echo "Uploads:     $upload_url (stored in $out/web/uploads)"
 "$build/tarvo-p2p" >"$out/tarvo-p2p.log" 2>&1 &
 pids+=($!)
 daemon_pid=$!
@@ -90,16 +101,22 @@ wait_line "$out/tarvo-p2p.log" 30 "Subscribed (mid: 3)"
 
 # The cloud agent acknowledges the hub's credential report and writes what the app would get.
 "$build/tarvo-cloudsim" --host 127.0.0.1 --port "$mqtt_port" --board "$board" \
-  --credentials "$out/credentials" --status cloud_connected --stay </dev/null \
+  --credentials "$out/credentials" --status cloud_connected --upload-url "$upload_url" \
+  --upload-dir "$out/web/uploads" --decrypt-to "$out/uploads-decrypted" --stay </dev/null \
   >"$out/tarvo-cloudsim.log" 2>&1 &
 pids+=($!)
 echo "Cloud agent: log $out/tarvo-cloudsim.log, app credentials $out/credentials"
 
 # The camera connects from its own address (its ARP line goes into the board) and streams when
 # a viewer asks; talkback it receives goes to out/talk/$camera_mac.alaw.
+# Its standard input is a fifo the script writes commands to (a motion event below).
+rm -f "$out/camsim.in"
+mkfifo "$out/camsim.in"
 "$build/tarvo-camsim" --board "$board" --camera "$camera_mac,$camera_ip" --video "$video" \
-  --audio "$audio" --talk "$out/talk" --awake 0 --stay </dev/null >"$out/tarvo-camsim.log" 2>&1 &
+  --audio "$audio" --talk "$out/talk" --awake 0 --stay <"$out/camsim.in" \
+  >"$out/tarvo-camsim.log" 2>&1 &
 pids+=($!)
+exec 3>"$out/camsim.in"
 echo "Camera:      $camera_mac on $camera_ip, log $out/tarvo-camsim.log"
 
 wait_line "$out/tarvo-p2p.log" 60 "first report tutk info ok"
@@ -122,6 +139,21 @@ if command -v ffprobe >/dev/null; then
     -show_entries stream=codec_name,width,height,nb_read_packets -of csv=p=0 "$out/viewer.mp4" |
     sed 's/^/  ffprobe: codec,width,height,frames = /'
 fi
+echo
+echo "The camera reports motion: the hub records ten seconds, stores the clip and snapshot on the"
+echo "card, encrypts and uploads both and reports the event to the cloud agent."
+echo "pir $camera_mac" >&3
+wait_line "$out/tarvo-p2p.log" 90 "handle alarm \(succeed\|failed\)\|upload retry more than 3"
+wait_line "$out/tarvo-cloudsim.log" 10 "^decrypted .*\.mp4 " || true
+card="$board/mnt/mmcblk0p1/KELDA_RECORD_VIDEO/$camera_mac"
+echo "  clip on the card:     $(find "$card" -name '*.mp4' | head -n 1)"
+echo "  snapshot (JPEG):      $(find "$card" -name '*.jpeg' | head -n 1)"
+echo "  index:                $card/.timestamp ($(od -An -tu4 -N4 "$card/.timestamp" | tr -d ' ')"\
+" and length byte $(od -An -tu1 -j4 -N1 "$card/.timestamp" | tr -d ' '))"
+echo "  the report:           $(grep -m1 '^event ' "$out/tarvo-cloudsim.log" || echo none)"
+echo "  decrypted uploads:    $out/uploads-decrypted/ (encrypted ones in $out/web/uploads/)"
+ls "$out/uploads-decrypted" | sed 's/^/    /'
+
 echo
 echo "The daemon's log follows (Ctrl-C stops everything)."
 tail -n +1 -f "$out/tarvo-p2p.log" &

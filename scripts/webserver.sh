@@ -6,7 +6,8 @@
 #   webserver.sh start STATE_DIR [--root DIR] [--tls|--plain] [--put] [--port N]
 #       Starts nginx and prints its port. Files are served from DIR (default STATE_DIR/www).
 #       --tls (default) answers HTTPS with a certificate for 127.0.0.1 and localhost signed by
-#       the test CA; --plain answers HTTP. --put accepts PUT under /uploads/ (files land in
+#       the test CA; --plain answers HTTP. --put accepts PUT under /uploads/ (answered 200 as
+#       object stores answer a presigned PUT; files land in
 #       STATE_DIR/uploads/, at most 64 MiB each). Without --port a free port is picked.
 #   webserver.sh stop STATE_DIR          stops it (nothing to do when it is not running)
 #   webserver.sh ca STATE_DIR            prints the test CA's certificate path (made if missing)
@@ -97,13 +98,50 @@ write_conf() {
     ssl_certificate_key $state/tls/server.key;
     ssl_protocols TLSv1.2 TLSv1.3;"
   fi
-  if [ "$put" = 1 ]; then put_lines="dav_methods PUT;
+  local module_line="" js_lines="" store_location="" store_server=""
+  if [ "$put" = 1 ]; then
+    # A PUT is stored by nginx's WebDAV module in an internal location; the njs handler in front
+    # answers 200 once it is stored, as object stores answer a presigned PUT (WebDAV itself says
+    # 201 Created or 204 No Content).
+    module_line="load_module /usr/lib/nginx/modules/ngx_http_js_module.so;"
+    cat >"$state/upload.js" <<'JS'
+async function put(r) {
+  if (r.method !== 'PUT') {
+    r.internalRedirect('/.store' + r.uri);  // reads are served from the folder as before
+    return;
+  }
+  const stored = await r.subrequest('/.store' + r.uri, {method: 'PUT', body: r.requestBuffer || ''});
+  r.return(stored.status === 201 || stored.status === 204 ? 200 : stored.status);
+}
+export default {put};
+JS
+    js_lines="js_import upload from $state/upload.js;"
+    put_lines="client_body_buffer_size 64m;
+      js_content upload.put;"
+    # WebDAV stores only a body read into a file, so the stored copy goes through a socket of
+    # the server's own to a second server that reads it as any client's body.
+    store_location="location /.store/ {
+      internal;
+      proxy_pass http://unix:$state/store.sock:;
+    }"
+    store_server="server {
+    listen unix:$state/store.sock;
+    client_max_body_size 64m;
+    client_body_buffer_size 16k;
+    access_log off;
+    location /.store/uploads/ {
+      alias $state/uploads/;
+      dav_methods PUT;
       create_full_put_path on;
-      dav_access user:rw group:r all:r;"; fi
+      dav_access user:rw group:r all:r;
+    }
+  }"
+  fi
   # workers of an nginx started by root would otherwise run as nobody and not reach the folders
   if [ "$(id -u)" -eq 0 ]; then user_line="user root;"; fi
   cat >"$state/nginx.conf" <<EOF
 # written by scripts/webserver.sh
+$module_line
 $user_line
 daemon on;
 worker_processes 1;
@@ -123,6 +161,7 @@ http {
   default_type application/octet-stream;
   sendfile on;
   keepalive_timeout 30s;
+  $js_lines
 
   server {
     $listen
@@ -142,12 +181,14 @@ http {
       root $state;
       $put_lines
     }
+    $store_location
     location = /.stall {
       internal;
       limit_rate 1;
       return 503 "stalled\n";
     }
   }
+  $store_server
 }
 EOF
 }

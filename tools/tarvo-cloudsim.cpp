@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "cloudsim/cloudsim.h"
+#include "cloudsim/uploads.h"
 
 namespace {
 
@@ -39,6 +40,19 @@ const char kUsage[] =
     "  --no-ack                answer no other report (state, SD, battery, events)\n"
     "  --time SECONDS          time given for \"local.query_time\" (default: this machine's)\n"
     "\n"
+    "Alarm uploads:\n"
+    "  --upload-url BASE       answer \"_sync.gen_presigned_url\" with URLs under BASE (the\n"
+    "                          upload server's PUT folder, e.g. https://127.0.0.1:8443/uploads)\n"
+    "                          and a fresh password per file\n"
+    "  --ignore-urls N         leave the first N URL requests unanswered\n"
+    "  --ignore-events N       leave the first N event reports unanswered\n"
+    "  --upload-dir DIR        where the upload server stores what the hub PUTs; with\n"
+    "  --decrypt-to DIR        each event report's clip and snapshot are decrypted from there\n"
+    "                          into this folder with the report's passwords\n"
+    "  --decrypt IN OUT PASSWORD\n"
+    "                          only decrypt the uploaded file IN into OUT and exit (AES-256-CBC,\n"
+    "                          key = MD5 hex text of PASSWORD, zero IV, zero padding kept)\n"
+    "\n"
     "Messages to the hub (in the order given, once connected):\n"
     "  --status TEXT           send local.status TEXT, e.g. cloud_connected\n"
     "  --local-time SECONDS    send local.time SECONDS\n"
@@ -52,7 +66,10 @@ const char kUsage[] =
     "\n"
     "Output, one line per message: \"report <json>\" (zelo/report), \"reply <json>\"\n"
     "(zelo/command_ack), \"local <json>\" (local/zelo_client_in), \"timeout <id>\" for a command\n"
-    "left without reply. The exit status is 1 when a reply did not come, 2 on a usage or\n"
+    "left without reply, \"url <suffix> <object> <password> <url>\" for each presigned URL given,\n"
+    "\"event <name> clip <object> <password> snapshot <object> <password> push <n>\" for each\n"
+    "event report, \"decrypted <object> <file>\" for each file decrypted. The exit status is 1 "
+    "when a reply did not come, 2 on a usage or\n"
     "connection error.\n"
     "\n"
     "Example: tarvo-cloudsim --port 18830 --status cloud_connected \\\n"
@@ -102,6 +119,8 @@ int main(int argc, char** argv) {
   long long timeout = 10;
   bool stay = false;
   bool quiet = false;
+  std::string upload_dir;
+  std::string decrypt_to;
 
   for (int i = 1; i < argc; i++) {
     std::string arg = argv[i];
@@ -133,6 +152,25 @@ int main(int argc, char** argv) {
     } else if (arg == "--time" && value(1)) {
       if (!ParseNumber(argv[++i], &number)) return Usage("bad --time");
       options.time = number;
+    } else if (arg == "--upload-url" && value(1)) {
+      options.upload_base = argv[++i];
+    } else if (arg == "--ignore-urls" && value(1)) {
+      if (!ParseNumber(argv[++i], &number) || number < 0) return Usage("bad --ignore-urls");
+      options.ignore_url_requests = static_cast<int>(number);
+    } else if (arg == "--ignore-events" && value(1)) {
+      if (!ParseNumber(argv[++i], &number) || number < 0) return Usage("bad --ignore-events");
+      options.ignore_event_reports = static_cast<int>(number);
+    } else if (arg == "--upload-dir" && value(1)) {
+      upload_dir = argv[++i];
+    } else if (arg == "--decrypt-to" && value(1)) {
+      decrypt_to = argv[++i];
+    } else if (arg == "--decrypt" && value(3)) {
+      std::string error;
+      if (cloudsim::DecryptFile(argv[i + 1], argv[i + 2], argv[i + 3], &error) != 0) {
+        std::fprintf(stderr, "tarvo-cloudsim: %s\n", error.c_str());
+        return 1;
+      }
+      return 0;
     } else if (arg == "--status" && value(1)) {
       actions.push_back({Action::kStatus, argv[++i], ""});
     } else if (arg == "--local-time" && value(1)) {
@@ -166,13 +204,49 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
   };
 
-  cloudsim::CloudAgent agent(options);
-  if (!quiet) {
-    agent.SetObserver([&](const cloudsim::Message& m) {
-      if (m.topic == "zelo/report") print("report", m.payload);
-      if (m.topic == "local/zelo_client_in") print("local", m.payload);
-    });
+  if (upload_dir.empty() != decrypt_to.empty()) {
+    return Usage("--upload-dir and --decrypt-to go together");
   }
+
+  cloudsim::CloudAgent agent(options);
+  size_t urls_printed = 0;
+  // An object name is a plain file name of the upload folder, nothing else.
+  auto plain_name = [](const std::string& name) {
+    return !name.empty() && name.find('/') == std::string::npos && name != "." && name != "..";
+  };
+  auto decrypt = [&](const std::string& object, const std::string& password) {
+    if (!plain_name(object)) return;
+    const std::string out = decrypt_to + "/" + object;
+    std::string error;
+    if (cloudsim::DecryptFile(upload_dir + "/" + object, out, password, &error) == 0) {
+      print("decrypted", object + " " + out);
+    } else {
+      print("undecrypted", object + " " + error);
+    }
+  };
+  agent.SetObserver([&](const cloudsim::Message& m) {
+    if (m.topic == "zelo/report") {
+      if (!quiet) print("report", m.payload);
+      // The URLs given so far (the observer runs after the answer went out).
+      const std::vector<cloudsim::IssuedUpload> uploads = agent.Uploads();
+      for (; urls_printed < uploads.size(); urls_printed++) {
+        const cloudsim::IssuedUpload& u = uploads[urls_printed];
+        if (!quiet) print("url", u.suffix + " " + u.object_name + " " + u.password + " " + u.url);
+      }
+      cloudsim::EventReport event;
+      if (cloudsim::ParseEventReport(m.payload, &event)) {
+        if (!quiet)
+          print("event", event.event + " clip " + event.clip_object + " " + event.clip_password +
+                             " snapshot " + event.snapshot_object + " " + event.snapshot_password +
+                             " push " + event.push);
+        if (!decrypt_to.empty()) {
+          decrypt(event.snapshot_object, event.snapshot_password);
+          decrypt(event.clip_object, event.clip_password);
+        }
+      }
+    }
+    if (m.topic == "local/zelo_client_in" && !quiet) print("local", m.payload);
+  });
   std::string error;
   if (agent.Start(std::chrono::seconds(10), &error) != 0) {
     std::fprintf(stderr, "tarvo-cloudsim: %s\n", error.c_str());

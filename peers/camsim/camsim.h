@@ -70,13 +70,15 @@ struct CameraConfig {
 
 // How the camera behaves.
 struct Behaviour {
-  std::chrono::milliseconds keepalive{1000};      // awake: longest time without a frame
-  std::chrono::milliseconds heartbeat{10000};     // asleep: time between heartbeat bytes
-  std::chrono::milliseconds awake_time{0};        // sleep after this long awake with nothing to do
-                                                  // (0: stay awake until told)
-  std::chrono::milliseconds reconnect{0};         // reconnect this long after losing the connection
-                                                  // (0: stay disconnected)
-  std::chrono::milliseconds pir_stream{10000};    // longest stream after a motion event
+  std::chrono::milliseconds keepalive{1000};   // awake: longest time without a frame
+  std::chrono::milliseconds heartbeat{10000};  // asleep: time between heartbeat bytes
+  std::chrono::milliseconds awake_time{0};     // sleep after this long awake with nothing to do
+                                               // (0: stay awake until told)
+  std::chrono::milliseconds reconnect{0};      // reconnect this long after losing the connection
+                                               // (0: stay disconnected)
+  // Longest stream after a motion event: longer than the hub's longest event (60 s), which the
+  // hub ends itself by telling the camera to stop.
+  std::chrono::milliseconds pir_stream{65000};
   std::chrono::milliseconds pair_timeout{20000};  // pairing: reach the server and get a reply
   bool wake_on_tcp = true;                        // a sleeping camera wakes on the TCP wake frame
   bool wake_on_udp = true;                        // ... and on the UDP wake datagram

@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <mutex>
 #include <random>
 
@@ -117,7 +117,10 @@ bool Unhex(const std::string& hex, std::string* out) {
 
 }  // namespace
 
-CloudAgent::CloudAgent(Options options) : options_(std::move(options)) {}
+CloudAgent::CloudAgent(Options options)
+    : options_(std::move(options)),
+      url_requests_to_ignore_(options_.ignore_url_requests),
+      event_reports_to_ignore_(options_.ignore_event_reports) {}
 
 CloudAgent::~CloudAgent() {
   Stop();
@@ -202,9 +205,9 @@ void CloudAgent::OnMessage(struct mosquitto*, void* self, const struct mosquitto
 }
 
 void CloudAgent::Handle(const Message& message) {
-  if (observer_) observer_(message);
   if (message.topic == mqtttopics::kReport) AnswerReport(message.payload);
   if (message.topic == mqtttopics::kClientIn) AnswerClientIn(message.payload);
+  if (observer_) observer_(message);
   // Waiters see the message only after its answer went out.
   std::lock_guard<std::mutex> lock(mutex_);
   messages_.push_back(message);
@@ -246,7 +249,31 @@ void CloudAgent::AnswerReport(const std::string& payload) {
     Publish(mqtttopics::kReportAck, "{\"id\":" + id + ",\"result\":\"ok\"}");
     return;
   }
-  if (report.method == "_sync.gen_presigned_url") return;
+  if (report.method == "_sync.gen_presigned_url") {
+    if (options_.upload_base.empty()) return;
+    IssuedUpload upload;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (url_requests_to_ignore_ > 0) {
+        url_requests_to_ignore_--;
+        return;
+      }
+      std::string suffix = report.Param("suffix");
+      if (suffix != "mp4" && suffix != "jpeg") return;
+      upload = IssueUpload(options_.upload_base, suffix, static_cast<int>(uploads_.size()) + 1);
+      upload.id = report.id;
+      uploads_.push_back(upload);
+    }
+    Publish(mqtttopics::kReportAck, PresignedUrlReply(upload));
+    return;
+  }
+  if (report.method.compare(0, 6, "event.") == 0) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (event_reports_to_ignore_ > 0) {
+      event_reports_to_ignore_--;
+      return;
+    }
+  }
   if (options_.answer_reports && !report.method.empty()) {
     Publish(mqtttopics::kReportAck, "{\"id\":" + id + ",\"result\":\"ok\"}");
   }
@@ -354,6 +381,21 @@ std::vector<Message> CloudAgent::Messages() {
 size_t CloudAgent::MessageCount() {
   std::lock_guard<std::mutex> lock(mutex_);
   return messages_.size();
+}
+
+std::vector<IssuedUpload> CloudAgent::Uploads() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return uploads_;
+}
+
+void CloudAgent::IgnoreUrlRequests(int n) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  url_requests_to_ignore_ = n;
+}
+
+void CloudAgent::IgnoreEventReports(int n) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  event_reports_to_ignore_ = n;
 }
 
 int CloudAgent::CredentialAcks() {

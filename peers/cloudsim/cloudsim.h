@@ -2,7 +2,9 @@
 // agent. It answers the hub's reports on "zelo/report_ack" (uid requests with a uid, credential
 // reports and every other report with "ok"), answers time queries on "local/zelo_client_in"
 // with a "local.time" command on "local/zelo_client_out", sends "local.status" and any command,
-// and collects everything the hub publishes.
+// and collects everything the hub publishes. For alarm uploads it answers presigned-URL
+// requests with URLs on an upload server and a fresh password per file (uploads.h), and
+// acknowledges event reports.
 #pragma once
 
 #include <chrono>
@@ -12,6 +14,8 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "cloudsim/uploads.h"
 
 struct mosquitto;
 struct mosquitto_message;
@@ -33,6 +37,12 @@ struct Options {
   bool answer_reports = true;
   // Time given for "local.query_time"; 0: the machine's clock.
   int64_t time = 0;
+  // Presigned URLs ("_sync.gen_presigned_url"): the upload folder's URL, e.g.
+  // "https://127.0.0.1:8443/uploads"; empty: URL requests stay unanswered.
+  std::string upload_base;
+  // The first this many URL requests, and event reports ("event.NAME"), stay unanswered.
+  int ignore_url_requests = 0;
+  int ignore_event_reports = 0;
 };
 
 struct Message {
@@ -53,8 +63,8 @@ class CloudAgent {
             std::string* error = nullptr);
   void Stop();
 
-  // Every message received, also given to this function on the network thread as it arrives.
-  // Set before Start.
+  // Every message received, also given to this function on the network thread once the agent's
+  // answer to it (if any) went out. Set before Start.
   void SetObserver(std::function<void(const Message&)> observer);
 
   // A fresh message id (process-wide, never repeated).
@@ -86,6 +96,11 @@ class CloudAgent {
   size_t MessageCount();
   // Credential reports answered so far.
   int CredentialAcks();
+  // Every presigned URL given so far, oldest first.
+  std::vector<IssuedUpload> Uploads();
+  // How many of the next URL requests / event reports stay unanswered (replaces the count left).
+  void IgnoreUrlRequests(int n);
+  void IgnoreEventReports(int n);
 
  private:
   static void OnConnect(struct mosquitto* mosq, void* self, int rc);
@@ -107,6 +122,9 @@ class CloudAgent {
   int subscribed_ = 0;
   int credentials_seen_ = 0;
   int credential_acks_ = 0;
+  int url_requests_to_ignore_ = 0;
+  int event_reports_to_ignore_ = 0;
+  std::vector<IssuedUpload> uploads_;
 };
 
 }  // namespace cloudsim

@@ -50,6 +50,9 @@ class EventSink {
   virtual uint32_t EventStartTime() = 0;
   // Ends the event; force 1 abandons it (a viewer wants live video).
   virtual void StopEvent(uint32_t start_time, int force) = 0;
+  // The camera's last alarm was handled at this time (the alarm upload's thread): the next
+  // event is spaced from it.
+  virtual void SetLastEventTime(uint32_t /*seconds*/) {}
 };
 
 struct Sinks {

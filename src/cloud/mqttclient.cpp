@@ -15,7 +15,6 @@
 #include "base/log.h"
 #include "cloud/cameracmd.h"
 #include "cloud/cloudcmd.h"
-#include "cloud/cloudhooks.h"
 #include "cloud/cloudinput.h"
 #include "cloud/mqtttopics.h"
 #include "cloud/msgring.h"
@@ -25,6 +24,7 @@
 #include "core/utils.h"
 #include "core/zelojson.h"
 #include "platform/board.h"
+#include "storage/pirupload.h"
 
 namespace {
 

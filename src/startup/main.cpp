@@ -21,7 +21,9 @@
 #include "media/playback.h"
 #include "platform/board.h"
 #include "server/mediaserver.h"
+#include "storage/pirevent.h"
 #include "storage/pirupload.h"
+#include "storage/recordsweep.h"
 #include "storage/sdcard.h"
 
 namespace {
@@ -119,15 +121,17 @@ int RunHub(int argc, char** argv) {
     TLOG_AS(LOG_DEBUG, "main") << "InitWifiConf failed, exit";
     std::exit(0);
   }
-  DisConnectCameraList();  // 8.
-  orump4_init_ffmpeg();    // 9.
-  libsodium_init();        // 10.
-  alarm_upload_init();     // 11.
+  DisConnectCameraList();       // 8.
+  orump4_init_ffmpeg();         // 9.
+  pirevent::InstallRecorder();  // every camera channel made from here on records its events
+  libsodium_init();             // 10.
+  alarm_upload_init();          // 11.
   alarm_upload_lock_init();
   SetSdStatusReport(MqttReportPropSdStatus);
-  InitSdCard();   // 12.
-  InitLed();      // 13.
-  config.Init();  // 14.
+  InitSdCard();             // 12.
+  SweepUnindexedRecords();  // files a power cut left on the card without an index record
+  InitLed();                // 13.
+  config.Init();            // 14.
 
   // 15. The one media server: camera listener and P2P side. Lives as long as the process.
   auto* media_server = new server::MediaServer();
@@ -139,7 +143,8 @@ int RunHub(int argc, char** argv) {
   playback_mgr_init();
   InitSyncAndReset();  // 18.
   InitSystemCtrl();    // 19.
-  InitPirUpload();     // 20.
+  SetAlarmReportPublisher(MqttReport);
+  InitPirUpload();  // 20.
 
   return eventloop::Run();  // 21.
 }

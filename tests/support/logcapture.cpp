@@ -9,8 +9,16 @@ namespace testsupport {
 
 LogCapture::LogCapture() {
   tlog::SetCaptureSink([this](int, const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.push_back(text);
+    std::function<void()> action;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      lines_.push_back(text);
+      if (trigger_ && std::regex_search(text, std::regex(trigger_pattern_))) {
+        action = std::move(trigger_);
+        trigger_ = nullptr;
+      }
+    }
+    if (action) action();
   });
 }
 
@@ -37,6 +45,12 @@ int LogCapture::Count(const std::string& pattern, size_t from) {
 
 bool LogCapture::Wait(const std::string& pattern, size_t from, std::chrono::milliseconds timeout) {
   return WaitFor([&] { return Has(pattern, from); }, timeout);
+}
+
+void LogCapture::OnceOn(const std::string& pattern, std::function<void()> action) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  trigger_pattern_ = pattern;
+  trigger_ = std::move(action);
 }
 
 std::vector<std::string> LogCapture::Lines() {

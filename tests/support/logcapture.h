@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,10 +25,16 @@ class LogCapture {
   bool Wait(const std::string& pattern, size_t from = 0,
             std::chrono::milliseconds timeout = std::chrono::seconds(10));
   std::vector<std::string> Lines();
+  // Runs action once, on the thread that logs, as soon as a record matching pattern is logged
+  // (records from now on): a test can act between two steps of another thread. The action runs
+  // under the log's capture lock and must not log.
+  void OnceOn(const std::string& pattern, std::function<void()> action);
 
  private:
   std::mutex mutex_;
   std::vector<std::string> lines_;
+  std::string trigger_pattern_;
+  std::function<void()> trigger_;
 };
 
 }  // namespace testsupport
