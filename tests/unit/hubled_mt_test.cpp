@@ -207,6 +207,11 @@ TEST_F(ResetTest, ReleasedAfterSixSecondsDoesNothing) {
 }
 
 TEST_F(ResetTest, HeldSevenSecondsSignalsTheResetProcessOnce) {
+#ifdef TARVO_PROGRAM_EMULATOR
+  // A user-mode emulator renumbers real-time signals between guest and host, so signal 42 sent
+  // by the emulated hub reaches the host's process as another number. Not so on the hub.
+  GTEST_SKIP() << "real-time signal numbers differ under the emulator";
+#endif
   StartResetDaemon();
   Press();
   for (int i = 0; i < 6; i++) Second();
@@ -233,6 +238,11 @@ TEST_F(ResetTest, HeldSevenSecondsRebootsThroughTheShimWithoutTheResetProcess) {
 }
 
 TEST_F(ResetTest, APressAfterAReleaseStartsTheCountAgain) {
+#ifdef TARVO_PROGRAM_EMULATOR
+  // A user-mode emulator renumbers real-time signals between guest and host, so signal 42 sent
+  // by the emulated hub reaches the host's process as another number. Not so on the hub.
+  GTEST_SKIP() << "real-time signal numbers differ under the emulator";
+#endif
   StartResetDaemon();
   Press();
   for (int i = 0; i < 5; i++) Second();

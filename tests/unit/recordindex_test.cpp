@@ -102,8 +102,10 @@ TEST_F(RecordIndex, RecordsAreStartTimeLittleEndianThenTheCamerasDuration) {
 
   long bad = -1;
   EXPECT_EQ(FwriteTimestamp(&bad, 0, kCam), -1);
-  bad = 4294967296L;
-  EXPECT_EQ(FwriteTimestamp(&bad, 0, kCam), -1);
+  if (sizeof(long) > 4) {  // a start time past 32 bits exists only where long is wider
+    bad = static_cast<long>(4294967296LL);
+    EXPECT_EQ(FwriteTimestamp(&bad, 0, kCam), -1);
+  }
   EXPECT_EQ(FwriteTimestamp(nullptr, 0, kCam), -1);
   EXPECT_EQ(Records().size(), 3u);
 }
