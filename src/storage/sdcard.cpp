@@ -167,42 +167,42 @@ int CheckSdcardMount() {
   return 0;
 }
 
-int MountSdCard() {
-  const std::string command =
-      "mkdir -p " + Mount() + " & mount -t auto " + Device() + " " + Mount() + " 2>&1";
+namespace {
+
+// Runs a card command up to kShellAttempts times until it prints nothing (success). Records name
+// the calling function, as the hub's log readers expect.
+int RunUntilQuiet(const char* function, const std::string& command, const char* done,
+                  const char* result, const char* failed) {
   for (int attempt = 0; attempt < kShellAttempts; attempt++) {
     std::string line;
     if (!FirstLine(command, kResultLineMax, &line)) {
-      TLOG(LOG_DEBUG) << "popen failed, errno: " << errno;
+      TLOG_AS(LOG_DEBUG, function) << "popen failed, errno: " << errno;
       continue;
     }
     if (line.empty()) {
-      TLOG(LOG_DEBUG) << "mount SD done";
+      TLOG_AS(LOG_DEBUG, function) << done;
       return 0;
     }
-    TLOG(LOG_DEBUG) << "mount sdcard result is " << line;
+    TLOG_AS(LOG_DEBUG, function) << result << line;
   }
-  TLOG(LOG_DEBUG) << "mount fail!!!!!!!!!!!!!!!!!!!!";
+  TLOG_AS(LOG_DEBUG, function) << failed;
   return -1;
+}
+
+}  // namespace
+
+int MountSdCard() {
+  const std::string command =
+      "mkdir -p " + Mount() + " & mount -t auto " + Device() + " " + Mount() + " 2>&1";
+  return RunUntilQuiet(__func__, command, "mount SD done", "mount sdcard result is ",
+                       "mount fail!!!!!!!!!!!!!!!!!!!!");
 }
 
 int UmountSdCard() {
   const std::string command = "umount " + Mount() + " 2>&1 && rm -rf " + Mount() + "/*";
   TLOG(LOG_DEBUG) << "umount: cmd is " << command;
-  for (int attempt = 0; attempt < kShellAttempts; attempt++) {
-    std::string line;
-    if (!FirstLine(command, kResultLineMax, &line)) {
-      TLOG(LOG_DEBUG) << "popen failed, errno: " << errno;
-      continue;
-    }
-    if (line.empty()) {
-      TLOG(LOG_DEBUG) << "umount SD done";
-      return 0;
-    }
-    TLOG(LOG_DEBUG) << "umount sdcard result is " << line;
-  }
-  TLOG(LOG_DEBUG) << "umount dacard failed";
-  return -1;
+  return RunUntilQuiet(__func__, command, "umount SD done", "umount sdcard result is ",
+                       "umount dacard failed");
 }
 
 int FormatSdCard() {
