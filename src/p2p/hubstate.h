@@ -147,8 +147,8 @@ class HubTransport {
   int ClientStart(int sid, const char* account, const char* password, unsigned timeout_s,
                   unsigned* serv_type, unsigned ch, int* resend);
   void StopChannel(int idx);
-  int SendFrame(int idx, OutKind kind, int size, const void* info, int info_size, avFrameFillFn fill,
-                void* ctx);
+  int SendFrame(int idx, OutKind kind, int size, const void* info, int info_size,
+                avFrameFillFn fill, void* ctx);
   int SendIoCtrl(int idx, unsigned type, const char* data, int size);
   int RecvIoCtrl(int idx, unsigned* type, char* buf, int size, unsigned timeout_ms);
   int RecvAudio(int idx, char* buf, int size, char* info, int info_size, unsigned* frame_no);
