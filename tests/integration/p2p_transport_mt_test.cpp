@@ -18,10 +18,10 @@
 #include "core/configuration.h"
 #include "p2p/iotc.h"
 #include "p2p/transport.h"
-#include "viewer/p2pviewer.h"
 #include "p2p/wire.h"
 #include "support/logcapture.h"
 #include "support/testsupport.h"
+#include "viewer/p2pviewer.h"
 
 namespace {
 
@@ -409,8 +409,8 @@ TEST_F(P2pTransport, FilledFramesArriveAsWrittenAndAFailedFillQueuesNothing) {
     PatternFill fill{i, false};
     const auto info = Info(i);
     int r;
-    while ((r = avSendFrameDataFill(h.av, static_cast<int>(sizes[i]), info.data(), 28,
-                                    FillPattern, &fill)) == AV_ER_EXCEED_MAX_SIZE)
+    while ((r = avSendFrameDataFill(h.av, static_cast<int>(sizes[i]), info.data(), 28, FillPattern,
+                                    &fill)) == AV_ER_EXCEED_MAX_SIZE)
       std::this_thread::sleep_for(1ms);
     ASSERT_EQ(0, r);
     sent++;

@@ -212,12 +212,12 @@ TEST(VideoEncrypt, OneNonceForSeveralKeysGivesEachViewerItsOwnKeyStream) {
   const Bytes key_a = Key(5), key_b = Key(6);
   Bytes a(frame.size() + kVideoHeaderRoom), b(frame.size() + kVideoHeaderRoom);
   unsigned len_a = 0, len_b = 0;
-  ASSERT_EQ(0, video_chacha20_encrypt_nonce(frame.data(), static_cast<unsigned>(frame.size()),
-                                            key_a.data(), nonce, &len_a, &info, a.data(),
-                                            a.size()));
-  ASSERT_EQ(0, video_chacha20_encrypt_nonce(frame.data(), static_cast<unsigned>(frame.size()),
-                                            key_b.data(), nonce, &len_b, &info, b.data(),
-                                            b.size()));
+  ASSERT_EQ(0,
+            video_chacha20_encrypt_nonce(frame.data(), static_cast<unsigned>(frame.size()),
+                                         key_a.data(), nonce, &len_a, &info, a.data(), a.size()));
+  ASSERT_EQ(0,
+            video_chacha20_encrypt_nonce(frame.data(), static_cast<unsigned>(frame.size()),
+                                         key_b.data(), nonce, &len_b, &info, b.data(), b.size()));
   ASSERT_EQ(len_a, len_b);
   EXPECT_EQ(0, std::memcmp(nonce, a.data(), sizeof(nonce)));
   const size_t header = VideoHeaderBytes(info.count);
@@ -225,13 +225,13 @@ TEST(VideoEncrypt, OneNonceForSeveralKeysGivesEachViewerItsOwnKeyStream) {
   EXPECT_NE(0, std::memcmp(a.data() + header, b.data() + header, frame.size()));
   Bytes plain(frame.size() + 16);
   crypto_nalu_info back{};
-  ASSERT_EQ(static_cast<int>(frame.size()),
-            video_chacha20_decrypt(a.data(), len_a, key_a.data(), plain.data(), plain.size(),
-                                   &back));
+  ASSERT_EQ(
+      static_cast<int>(frame.size()),
+      video_chacha20_decrypt(a.data(), len_a, key_a.data(), plain.data(), plain.size(), &back));
   EXPECT_TRUE(std::equal(frame.begin(), frame.end(), plain.begin()));
-  ASSERT_EQ(static_cast<int>(frame.size()),
-            video_chacha20_decrypt(b.data(), len_b, key_a.data(), plain.data(), plain.size(),
-                                   &back));
+  ASSERT_EQ(
+      static_cast<int>(frame.size()),
+      video_chacha20_decrypt(b.data(), len_b, key_a.data(), plain.data(), plain.size(), &back));
   EXPECT_FALSE(std::equal(frame.begin(), frame.end(), plain.begin()));
   // The drawing form is the same encryption under a fresh nonce each call.
   Bytes c(a.size()), d(a.size());
@@ -241,9 +241,9 @@ TEST(VideoEncrypt, OneNonceForSeveralKeysGivesEachViewerItsOwnKeyStream) {
   ASSERT_EQ(0, video_chacha20_encrypt(frame.data(), static_cast<unsigned>(frame.size()),
                                       key_a.data(), &len_d, &info, d.data(), d.size()));
   EXPECT_NE(0, std::memcmp(c.data(), d.data(), kChachaNonceBytes));
-  EXPECT_EQ(-1, video_chacha20_encrypt_nonce(frame.data(), static_cast<unsigned>(frame.size()),
-                                             key_a.data(), nullptr, &len_a, &info, a.data(),
-                                             a.size()));
+  EXPECT_EQ(-1,
+            video_chacha20_encrypt_nonce(frame.data(), static_cast<unsigned>(frame.size()),
+                                         key_a.data(), nullptr, &len_a, &info, a.data(), a.size()));
 }
 
 TEST(VideoEncrypt, HeaderTableAndPiecesAsLaidOut) {
