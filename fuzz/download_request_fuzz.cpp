@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       r.channel > 31 || (r.ext != "mp4" && r.ext != "jpeg"))
     __builtin_trap();
   for (char c : r.mac)
-    if (!std::isxdigit(static_cast<unsigned char>(c)) || std::islower(static_cast<unsigned char>(c)))
+    if (!std::isxdigit(static_cast<unsigned char>(c)) ||
+        std::islower(static_cast<unsigned char>(c)))
       __builtin_trap();
   const std::string answer = filetransfer::Answer(r, 0, 1, "x");
   if (answer.find('\n') != std::string::npos) __builtin_trap();
