@@ -45,6 +45,29 @@ int ExitCode(int status) {
   return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+TEST(DownloadTool, HelpNamesTheOptionsAndBadArgumentsAreUsageErrors) {
+  auto run = [](std::vector<std::string> args) {
+    args.insert(args.begin(), testsupport::BinPath("tarvo-viewer"));
+    auto p = std::make_unique<Process>(args, std::map<std::string, std::string>{});
+    const int code = ExitCode(p->Wait());
+    std::string text;
+    for (const auto& line : p->Lines()) text += line + "\n";
+    return std::make_pair(code, text);
+  };
+  const auto help = run({"--help"});
+  EXPECT_EQ(0, help.first);
+  EXPECT_NE(std::string::npos, help.second.find("--download MAC START DIR"));
+  EXPECT_NE(std::string::npos, help.second.find("--rdt-channel N"));
+  for (const auto& bad : std::vector<std::vector<std::string>>{
+           {"--credentials", "x", "--download", "0A00000000D7", "1700000000"},
+           {"--credentials", "x", "--download", "0A00000000D", "1700000000", "/tmp"},
+           {"--credentials", "x", "--download", "0A00000000D7", "-5", "/tmp"},
+           {"--credentials", "x", "--download", "0A00000000D7", "1700000000", "/tmp",
+            "--rdt-channel", "0"}}) {
+    EXPECT_EQ(2, run(bad).first) << bad[3];
+  }
+}
+
 class Download : public ::testing::Test {
  protected:
   void SetUp() override {
