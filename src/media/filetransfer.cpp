@@ -38,9 +38,40 @@ struct Transfer {
   std::atomic<bool> finished{false};
 };
 
-std::mutex g_mu;  // guards g_locator and g_transfers; never held during I/O
+std::mutex g_mu;  // guards g_locator and the tables; never held during I/O
 FileLocator g_locator = nullptr;
-std::map<int, std::unique_ptr<Transfer>> g_transfers;
+
+// The transfer of each session, and stopped transfers whose thread had not yet got its RDT
+// channel (it ends by itself once the session is closed). Never destroyed: the daemon may end
+// while a thread runs.
+std::map<int, std::unique_ptr<Transfer>>& Transfers() {
+  static auto* table = new std::map<int, std::unique_ptr<Transfer>>();
+  return *table;
+}
+std::vector<std::unique_ptr<Transfer>>& Stopped() {
+  static auto* list = new std::vector<std::unique_ptr<Transfer>>();
+  return *list;
+}
+
+// Takes the stopped transfers whose thread has ended, to be joined without g_mu.
+std::vector<std::unique_ptr<Transfer>> TakeEnded() {
+  std::vector<std::unique_ptr<Transfer>> ended;
+  auto& stopped = Stopped();
+  for (auto it = stopped.begin(); it != stopped.end();) {
+    if ((*it)->finished) {
+      ended.push_back(std::move(*it));
+      it = stopped.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  return ended;
+}
+
+void Join(std::vector<std::unique_ptr<Transfer>>& ended) {
+  for (auto& t : ended)
+    if (t->thread.joinable()) t->thread.join();
+}
 
 bool IsHexMac(const std::string& mac) {
   if (mac.size() != 12) return false;
@@ -253,20 +284,23 @@ int filetransfer_request(int sid, int avIndex, const char* payload) {
   }
   std::unique_ptr<Transfer> done;
   std::unique_lock<std::mutex> lock(g_mu);
-  auto it = g_transfers.find(sid);
-  if (it != g_transfers.end()) {
+  auto ended = TakeEnded();
+  auto it = Transfers().find(sid);
+  if (it != Transfers().end()) {
     if (!it->second->finished) {
       lock.unlock();
+      Join(ended);
       TLOG(LOG_WARNING) << "download request of session " << sid
                         << " refused: a download is already running";
       Reply(avIndex, Answer(req, kBusy, 0, ""));
       return -1;
     }
     done = std::move(it->second);
-    g_transfers.erase(it);
+    Transfers().erase(it);
   }
   const FileLocator locator = g_locator;
   lock.unlock();
+  Join(ended);
   if (done && done->thread.joinable()) done->thread.join();
   if (locator == nullptr) {
     TLOG(LOG_WARNING) << "download request of session " << sid << " refused: no card index";
@@ -295,19 +329,25 @@ int filetransfer_request(int sid, int avIndex, const char* payload) {
   TLOG(LOG_DEBUG) << "download for session " << sid << ": " << req.mac << " " << req.start << "."
                   << req.ext << " on RDT channel " << req.channel;
   lock.lock();
-  g_transfers[sid] = std::move(t);
+  Transfers()[sid] = std::move(t);
   return 0;
 }
 
 int filetransfer_stop(int sid) {
   std::unique_ptr<Transfer> t;
+  std::vector<std::unique_ptr<Transfer>> ended;
   {
     std::lock_guard<std::mutex> lock(g_mu);
-    auto it = g_transfers.find(sid);
-    if (it == g_transfers.end()) return -1;
-    t = std::move(it->second);
-    g_transfers.erase(it);
+    ended = TakeEnded();
+    auto it = Transfers().find(sid);
+    if (it != Transfers().end()) {
+      t = std::move(it->second);
+      Transfers().erase(it);
+    }
   }
+  Join(ended);
+  if (t == nullptr) return -1;
+  bool writing = false;
   {
     std::lock_guard<std::mutex> lock(t->mu);
     t->stopping = true;
@@ -315,9 +355,18 @@ int filetransfer_stop(int sid) {
     if (t->rdt_id >= 0) {
       RDT_Abort(t->rdt_id);
       t->aborted = true;
+      writing = true;
     }
   }
-  if (t->thread.joinable()) t->thread.join();
-  TLOG(LOG_DEBUG) << "download of session " << sid << " stopped";
+  if (writing || t->finished) {
+    if (t->thread.joinable()) t->thread.join();
+    TLOG(LOG_DEBUG) << "download of session " << sid << " stopped";
+  } else {
+    // Still waiting for the viewer's RDT end: that wait ends when the session closes, right
+    // after this; the thread is joined later.
+    TLOG(LOG_DEBUG) << "download of session " << sid << " stopped before its transfer began";
+    std::lock_guard<std::mutex> lock(g_mu);
+    Stopped().push_back(std::move(t));
+  }
   return 0;
 }

@@ -3,16 +3,17 @@
 //
 // Who calls what. The session thread of a viewer hands the download request (I/O control
 // IOTYPE_USER_IPCAM_RECORD_DOWNLOAD) to filetransfer_request; it checks the payload without any
-// I/O and starts the session's transfer thread, or answers a refusal at once. The transfer
-// thread locates the file (the locator set at start-up, IsFileExist), opens it, answers
-// IOTYPE_USER_IPCAM_RECORD_DOWNLOAD_RESP with the size, creates the RDT channel on the IOTC
-// channel the viewer named, writes the file in pieces (RDT_Write waits for the viewer's credit)
-// and destroys the channel. It holds no camera or viewer lock; only this module's own table
-// lock, never during I/O.
+// I/O, locates the file (the locator set at start-up, IsFileExist), opens it and answers
+// IOTYPE_USER_IPCAM_RECORD_DOWNLOAD_RESP on the session's own AV channel, with the size or a
+// refusal. Then the session's transfer thread creates the RDT channel on the IOTC channel the
+// viewer named, writes the file in pieces (RDT_Write waits for the viewer's credit) and destroys
+// the channel. No camera or viewer lock is ever held; this module's table lock never during I/O.
 //
 // One transfer per session at a time: a request while one runs is refused ("busy"), so a
-// viewer never loses a download it is reading. filetransfer_stop, called when the session
-// closes, aborts the RDT channel (which ends a waiting RDT_Write) and joins the thread.
+// viewer never loses a download it is reading. filetransfer_stop, called on the session thread
+// when the session closes, aborts the RDT channel (which ends a waiting RDT_Write) and joins the
+// thread; a thread still waiting for the viewer's RDT end is joined later, its wait ends when the
+// session is closed right after.
 //
 // The request and the answer are described in docs/playback.md ("Download").
 #pragma once
@@ -32,8 +33,8 @@ void filetransfer_set_locator(FileLocator locator);
 // 0 when a transfer was started; -1 when it was refused (the viewer has been answered).
 int filetransfer_request(int sid, int avIndex, const char* payload);
 
-// Ends the transfer of session sid, if any, and waits for its thread. 0 when one was running or
-// had just finished, -1 when the session had none.
+// Ends the transfer of session sid, if any: 0 when there was one (running or just finished),
+// -1 when the session had none.
 int filetransfer_stop(int sid);
 
 namespace filetransfer {

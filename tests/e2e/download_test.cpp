@@ -291,6 +291,16 @@ TEST_F(Download, ASecondRequestIsRefusedAndASessionEndingMidTransferEndsItCleanl
   }
   EXPECT_NE(
       "", daemon_->WaitForLine("download for session [0-9]+ of .* ended after .*code: -1001", 10s));
+  {
+    // Accepted, and the viewer leaves before it opens its RDT end: the hub's wait for it ends
+    // with the session, well before its 10 s.
+    viewer::Session s;
+    Open(&s);
+    ASSERT_NE(std::string::npos, Ask(s, Request(kCam, t, "mp4", 5)).find("\"result\":0,"));
+    s.Close();
+  }
+  EXPECT_NE("", daemon_->WaitForLine(
+                    "download for session [0-9]+: no RDT channel 5, code: -1001[678]", 5s));
   // The hub serves the whole file to the next viewer.
   viewer::Session s;
   Open(&s);
