@@ -1,5 +1,6 @@
-// The hub side of the open P2P transport: the session and AV channel tables behind iotc.h and
-// the network thread that moves their bytes. Only iotc.cpp and hubio.cpp include this.
+// The hub side of the open P2P transport: the session, AV channel and RDT channel tables behind
+// iotc.h and the network thread that moves their bytes. Only iotc.cpp, rdt.cpp and hubio.cpp
+// include this.
 //
 // One mutex guards every table. API calls queue outgoing messages and wait on received ones;
 // the network thread alone owns the sockets, reads, parses and delivers, and writes what the
