@@ -30,11 +30,17 @@ const char kUid[] = "TARVOBENCH0000000002";
 const char kPassword[] = "314159";
 
 // The file both copies send, in the system's temporary folder; removed at exit.
-const std::string& TheFile() {
-  static const std::string path = [] {
-    char name[] = "/tmp/tarvo-download-bench-XXXXXX";
-    const int fd = mkstemp(name);
+char g_name[] = "/tmp/tarvo-download-bench-XXXXXX";
+
+void RemoveFile() {
+  unlink(g_name);
+}
+
+const char* TheFile() {
+  static const bool made = [] {
+    const int fd = mkstemp(g_name);
     if (fd < 0) std::abort();
+    std::atexit(RemoveFile);
     std::vector<char> block(kPiece);
     std::mt19937 random(7);
     for (size_t done = 0; done < kFileBytes; done += block.size()) {
@@ -42,16 +48,16 @@ const std::string& TheFile() {
       if (write(fd, block.data(), block.size()) != static_cast<ssize_t>(block.size())) std::abort();
     }
     close(fd);
-    std::atexit([] { unlink(TheFile().c_str()); });
-    return std::string(name);
+    return true;
   }();
-  return path;
+  (void)made;
+  return g_name;
 }
 
 // Reads the file in pieces and hands each to send; false when send fails.
 template <typename Send>
 bool SendFile(Send send) {
-  const int fd = open(TheFile().c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = open(TheFile(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   std::vector<char> piece(kPiece);
   bool ok = true;
