@@ -21,8 +21,10 @@
 #include "media/playback.h"
 #include "platform/board.h"
 #include "server/mediaserver.h"
+#include "server/playbacksend.h"
 #include "storage/pirevent.h"
 #include "storage/pirupload.h"
+#include "storage/recordstore.h"
 #include "storage/recordsweep.h"
 #include "storage/sdcard.h"
 
@@ -138,9 +140,9 @@ int RunHub(int argc, char** argv) {
   media_server->Init();
   media_server->StartTutk();
 
-  InitMqtt();           // 16.
-  playlist_mgr_init();  // 17.
-  playback_mgr_init();
+  InitMqtt();                            // 16.
+  playlist_mgr_init(MakeRecordStore());  // 17.
+  server::InitPlaybackSenders();
   InitSyncAndReset();  // 18.
   InitSystemCtrl();    // 19.
   SetAlarmReportPublisher(MqttReport);
