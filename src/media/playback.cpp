@@ -26,6 +26,7 @@ constexpr uint64_t kAlawBytesPerMs = 8;  // 8000 Hz, a byte a sample
 constexpr auto kRetryWait = std::chrono::milliseconds(5);
 // ...until this long has passed without progress.
 constexpr auto kGiveUp = std::chrono::seconds(5);
+constexpr auto kCardCheck = std::chrono::seconds(2);
 
 std::atomic<playback::CommandSender> g_command{nullptr};
 std::atomic<playback::FrameSender> g_video{nullptr};
@@ -96,7 +97,10 @@ bool StopLocked(Slot& slot, StopReason reason) {
     was_running = slot.running;
   }
   if (was_running) RequestStop(slot, reason);
-  if (slot.thread.joinable()) slot.thread.join();
+  // A play thread never stops itself; should it ever, it must not wait for itself.
+  if (slot.thread.joinable() && slot.thread.get_id() != std::this_thread::get_id()) {
+    slot.thread.join();
+  }
   return was_running;
 }
 
@@ -158,6 +162,7 @@ void PlayThread(int sid, std::string path, std::string mac, uint32_t start, uint
                     << offset << " s: " << path;
     SendState(sid, mac, start, PlayState::kStarted, 0);
     Clock::time_point base;
+    Clock::time_point next_card_check = Clock::now() + kCardCheck;
     int64_t base_ms = 0;
     bool first = true;
     for (;;) {
@@ -167,9 +172,14 @@ void PlayThread(int sid, std::string path, std::string mac, uint32_t start, uint
         tell = reason != StopReason::kClosed;
         break;
       }
-      if (store.card_ready && !store.card_ready()) {
-        end = PlayState::kDeleted;
-        break;
+      // The card's state costs a shell command: asked every kCardCheck. Removals and unmounts
+      // stop the play at once anyway (playback_card_gone).
+      if (Clock::now() >= next_card_check) {
+        next_card_check = Clock::now() + kCardCheck;
+        if (store.card_ready && !store.card_ready()) {
+          end = PlayState::kDeleted;
+          break;
+        }
       }
       oru_mp4_demux::Packet packet;
       const int rc = reader.Read(&packet, &why);
