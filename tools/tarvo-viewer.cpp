@@ -366,6 +366,14 @@ int RunPlay(viewer::Session& session, const Args& args, const Say& say) {
     if (viewer::IsFinalState(state.state)) over = true;
   };
   rc = HoldUntil(session, args, handlers, [&] { return over; });
+  // The state goes as control and may overtake the last frames: its count says how many come.
+  if (rc == 0 && over) {
+    const auto grace = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    rc = HoldUntil(session, args, handlers, [&] {
+      return recorder.video().frames + recorder.video().undecodable >= last.frames ||
+             std::chrono::steady_clock::now() >= grace;
+    });
+  }
   if (!over && rc == 0)
     session.SendIoCtrl(server::IOTYPE_USER_IPCAM_RECORD_SEEKTIME, viewer::PlayCommand("stop"));
   bool failed = false;

@@ -152,6 +152,7 @@ void PlayThread(int sid, std::string path, std::string mac, uint32_t start, uint
   uint32_t frames = 0;
   PlayState end = PlayState::kEnd;
   bool tell = true;
+  bool gone = false;  // the transport says the viewer has left
 
   if (reader.Open(path, &why) != 0 || (offset > 0 && reader.Seek(offset * 1000LL, &why) != 0)) {
     TLOG(LOG_DEBUG) << "Playback " << mac << " " << start << " session " << sid
@@ -233,6 +234,7 @@ void PlayThread(int sid, std::string path, std::string mac, uint32_t start, uint
         TLOG(LOG_DEBUG) << "Playback " << mac << " " << start << " session " << sid
                         << ": the viewer takes no more frames";
         tell = false;
+        gone = true;
         break;
       }
       if (packet.video) frames++;
@@ -240,7 +242,8 @@ void PlayThread(int sid, std::string path, std::string mac, uint32_t start, uint
   }
   reader.Close();  // the clip is closed before anyone learns that the play ended
   TLOG(LOG_DEBUG) << "Playback " << mac << " " << start << " session " << sid << " ends ("
-                  << playbackmsg::PlayStateName(end) << ") after " << frames << " video frames";
+                  << (gone ? "viewer gone" : playbackmsg::PlayStateName(end)) << ") after "
+                  << frames << " video frames";
   if (tell) SendState(sid, mac, start, end, frames);
   std::lock_guard<std::mutex> lock(slot.mu);
   slot.running = false;
