@@ -3,9 +3,10 @@
 // and viewers over the open P2P transport (the viewer library in this process, the tool as a
 // process). The list must name the recorded events with their start times and lengths; what a
 // viewer decrypts must be the stored clip's samples byte for byte (start codes in place of the
-// lengths) from the chosen key frame on, audio likewise; two plays run while a third viewer
-// watches live; and every end of a play (new seek, live start, session close, removal by the
-// cloud, card removal, a cut or foreign clip) reaches the viewer while the hub goes on.
+// lengths) from the chosen key frame on, audio likewise; three plays run while a fourth viewer
+// watches live and a camera records; and every end of a play (new seek, live start, session close,
+// removal by the cloud, card removal, a cut or foreign clip) reaches the viewer while the hub goes
+// on.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -290,6 +291,8 @@ class Playback : public ::testing::Test {
     options.port = broker_.port();
     options.board = board_.path();
     options.credentials_file = creds_path_;
+    // URLs to a closed port: an event's upload fails at once, so the next event is not held up
+    options.upload_base = "http://127.0.0.1:9/uploads";
     agent_ = std::make_unique<cloudsim::CloudAgent>(options);
     std::string error;
     ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
@@ -446,20 +449,39 @@ TEST_F(Playback, ListsTheRecordedEventsAndPlaysThemFromZeroAndFromASeekByteForBy
   EXPECT_EQ(static_cast<int64_t>(video.size()), probe.Find("h264")->packets);
 }
 
-TEST_F(Playback, TwoViewersPlayTwoClipsWhileAThirdWatchesLive) {
+TEST_F(Playback, ThreeViewersPlayWhileAFourthWatchesLiveAndACameraRecords) {
   RecordEvents();
   auto one = NewPlayer();
   auto two = NewPlayer();
+  auto three = NewPlayer();
   auto live = NewPlayer();
-  ASSERT_EQ(0, one->Play(kCamA, start_[kCamA]));
-  ASSERT_EQ(0, two->Play(kCamB, start_[kCamB], 1));
+  // the live viewer first, so that its camera streams while the clips play
   ASSERT_EQ(0, live->Send(server::IOTYPE_USER_IPCAM_START,
                           "{\"mac\":\"" + std::string(kCamA) + "\",\"videoquality\":2}"));
+  ASSERT_TRUE(live->WaitVideo(5));
+  const size_t live_before = live->Video().size();
+  ASSERT_EQ(0, one->Play(kCamA, start_[kCamA]));
+  ASSERT_EQ(0, two->Play(kCamB, start_[kCamB], 1));
+  ASSERT_EQ(0, three->Play(kCamA, start_[kCamA], 2));
+  // camera B records a new event meanwhile (once the upload of its first has ended)
+  ASSERT_TRUE(one->WaitVideo(5));
+  ASSERT_NE("",
+            daemon_->WaitForLine("Erase report mac " + std::string(kCamB) + " in alarm_list", 30s));
+  const int moved =
+      daemon_->CountLines("Move " + std::string(kCamB) + " pir event in sdcard succeed");
+  ASSERT_EQ(0, cameras_[1]->RaisePir());
   ASSERT_TRUE(one->WaitEnd());
   ASSERT_TRUE(two->WaitEnd());
+  ASSERT_TRUE(three->WaitEnd());
   ExpectStoredFrom(*one, kCamA, 0);
   ExpectStoredFrom(*two, kCamB, 1);
-  EXPECT_TRUE(live->WaitVideo(15));  // live frames reached the third viewer meanwhile
+  ExpectStoredFrom(*three, kCamA, 2);
+  ASSERT_TRUE(daemon_->WaitForLines("Move " + std::string(kCamB) + " pir event in sdcard succeed",
+                                    moved + 1, 40s));
+  viewer::EventList list(2);
+  ASSERT_TRUE(three->List(kCamB, 2, &list));
+  EXPECT_EQ(2u, list.events().size());
+  EXPECT_TRUE(live->WaitVideo(live_before + 30));  // live frames went on meanwhile
   EXPECT_EQ(0, live->undecodable());
 
   // a session that closes in the middle of a play ends it without a word to anybody
@@ -579,6 +601,30 @@ TEST_F(Playback, BadRequestsAreRefusedWithALogLineAndNothingIsOpened) {
   EXPECT_EQ(1700000000u, one.events()[0].start);
   p->Close();
   EXPECT_NE("", daemon_->WaitForLine("Close client sessionID: "));
+
+  // the tool: its options documented, usage errors exit 2, a refused play exits 1
+  auto tool = [&](std::vector<std::string> args) {
+    std::vector<std::string> argv = {testsupport::BinPath("tarvo-viewer"), "--credentials",
+                                     creds_path_, "--port", std::to_string(p2p_port_)};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return std::make_unique<Process>(argv, std::map<std::string, std::string>{});
+  };
+  auto help = tool({"--help"});
+  EXPECT_EQ(0, ExitCode(help->Wait()));
+  for (const char* option : {"--events MAC", "--play MAC START", "--seek S"}) {
+    EXPECT_TRUE(help->HasLine(option)) << option;
+  }
+  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--play", kCamA},
+                                              {"--play", kCamA, "-1"},
+                                              {"--events", "../etc"},
+                                              {"--live", kCamA, "--events", "all"},
+                                              {"--seek", "86401"},
+                                              {"--h264", "/tmp/x.h264"}}) {
+    EXPECT_EQ(2, ExitCode(tool(bad)->Wait())) << bad[0] << " " << bad[1];
+  }
+  auto refused_play = tool({"--play", kCamA, "1700000001"});
+  EXPECT_EQ(1, ExitCode(refused_play->Wait(20s)));
+  EXPECT_TRUE(refused_play->HasLine("^play state refused frames 0$"));
 }
 
 }  // namespace
