@@ -26,7 +26,6 @@ constexpr uint64_t kAlawBytesPerMs = 8;  // 8000 Hz, a byte a sample
 constexpr auto kRetryWait = std::chrono::milliseconds(5);
 // ...until this long has passed without progress.
 constexpr auto kGiveUp = std::chrono::seconds(5);
-constexpr auto kCardCheck = std::chrono::seconds(2);
 
 std::atomic<playback::CommandSender> g_command{nullptr};
 std::atomic<playback::FrameSender> g_video{nullptr};
@@ -146,7 +145,6 @@ int Offer(Slot& slot, int sid, bool video, const playback::Frame& frame) {
 
 void PlayThread(int sid, std::string path, std::string mac, uint32_t start, uint32_t offset) {
   Slot& slot = g_slots[sid];
-  const playlist::RecordStore& store = playlist::Store();
   oru_mp4_demux::Reader reader;
   std::string why;
   uint32_t frames = 0;
@@ -163,7 +161,6 @@ void PlayThread(int sid, std::string path, std::string mac, uint32_t start, uint
                     << offset << " s: " << path;
     SendState(sid, mac, start, PlayState::kStarted, 0);
     Clock::time_point base;
-    Clock::time_point next_card_check = Clock::now() + kCardCheck;
     int64_t base_ms = 0;
     bool first = true;
     for (;;) {
@@ -172,15 +169,6 @@ void PlayThread(int sid, std::string path, std::string mac, uint32_t start, uint
         end = StateOf(reason);
         tell = reason != StopReason::kClosed;
         break;
-      }
-      // The card's state costs a shell command: asked every kCardCheck. Removals and unmounts
-      // stop the play at once anyway (playback_card_gone).
-      if (Clock::now() >= next_card_check) {
-        next_card_check = Clock::now() + kCardCheck;
-        if (store.card_ready && !store.card_ready()) {
-          end = PlayState::kDeleted;
-          break;
-        }
       }
       oru_mp4_demux::Packet packet;
       const int rc = reader.Read(&packet, &why);
