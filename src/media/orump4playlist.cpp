@@ -30,6 +30,7 @@ struct ListSlot {
   std::mutex mu;
   std::condition_variable cv;
   bool stop = false;
+  bool running = false;  // the thread has not finished
 };
 ListSlot* const g_slots = new ListSlot[kSlots];
 
@@ -86,6 +87,8 @@ void ListThread(int sid, playbackmsg::ListRequest request) {
   TLOG(LOG_DEBUG) << "Event list of session " << sid << ": " << events.size() << " events of "
                   << cameras.size() << " cameras";
   SendList(sid, slot, playbackmsg::EncodeList(request.id, events, flags));
+  std::lock_guard<std::mutex> lock(slot.mu);
+  slot.running = false;
 }
 
 }  // namespace
@@ -106,25 +109,31 @@ int playlist_mgr_init(const playlist::RecordStore& store) {
 
 namespace {
 
-void StopList(playlist::ListSlot& slot) {
+// Ends the slot's list thread. True when it was still sending.
+bool StopList(playlist::ListSlot& slot) {
+  bool was_running = false;
   {
     std::lock_guard<std::mutex> lock(slot.mu);
+    was_running = slot.running;
     slot.stop = true;
     slot.cv.notify_all();
   }
   if (slot.thread.joinable()) slot.thread.join();
+  return was_running;
 }
 
 }  // namespace
 
 int playlist_stop_play(int sid) {
   if (sid < 0 || sid >= playlist::kSlots) return 0;
+  bool stopped = false;
   {
     playlist::ListSlot& slot = playlist::g_slots[sid];
     std::lock_guard<std::mutex> control(slot.control);
-    StopList(slot);
+    stopped = StopList(slot);
   }
-  playback_stop(sid, playback::StopReason::kClosed);
+  stopped = playback_stop(sid, playback::StopReason::kClosed) == 0 || stopped;
+  if (!stopped) TLOG(LOG_DEBUG) << "No playlist to stop for session " << sid;
   return 0;
 }
 
@@ -159,11 +168,14 @@ int playlist_start_play(int sid, int avIndex, const char* payload) {
   {
     std::lock_guard<std::mutex> lock(slot.mu);
     slot.stop = false;
+    slot.running = true;
   }
   try {
     slot.thread = std::thread(playlist::ListThread, sid, request);
   } catch (const std::system_error& e) {
     TLOG(LOG_DEBUG) << "Start event list thread failed: " << e.what();
+    std::lock_guard<std::mutex> lock(slot.mu);
+    slot.running = false;
     return -1;
   }
   return 0;
