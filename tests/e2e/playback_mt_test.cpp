@@ -528,6 +528,12 @@ TEST_F(Playback, EveryEndReachesTheViewerAndTheHubGoesOn) {
   ASSERT_EQ(0, p->Send(server::IOTYPE_USER_IPCAM_RECORD_SEEKTIME, viewer::PlayCommand("stop")));
   ASSERT_TRUE(p->WaitState(PlayState::kStopped));
 
+  // a live stop ends a play as well
+  ASSERT_EQ(0, p->Play(kCamA, start_[kCamA]));
+  ASSERT_TRUE(p->WaitVideo(2));
+  ASSERT_EQ(0, p->Send(server::IOTYPE_USER_IPCAM_STOP, "{\"mac\":\"" + std::string(kCamA) + "\"}"));
+  ASSERT_TRUE(p->WaitState(PlayState::kStopped));
+
   // the cloud deletes the clip being played: the play ends first, then the files go
   ASSERT_EQ(0, p->Play(kCamA, start_[kCamA]));
   ASSERT_TRUE(p->WaitVideo(2));
