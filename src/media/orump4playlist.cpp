@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "media/filetransfer.h"
 #include "media/playback.h"
 #include "media/playbackmsg.h"
 
@@ -125,12 +126,12 @@ bool StopList(playlist::ListSlot& slot) {
 }  // namespace
 
 int playlist_stop_play(int sid) {
+  bool stopped = filetransfer_stop(sid) == 0;
   if (sid < 0 || sid >= playlist::kSlots) return 0;
-  bool stopped = false;
   {
     playlist::ListSlot& slot = playlist::g_slots[sid];
     std::lock_guard<std::mutex> control(slot.control);
-    stopped = StopList(slot);
+    stopped = StopList(slot) || stopped;
   }
   stopped = playback_stop(sid, playback::StopReason::kClosed) == 0 || stopped;
   if (!stopped) TLOG(LOG_DEBUG) << "No playlist to stop for session " << sid;

@@ -22,6 +22,9 @@ constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_SEEKTIME = 0xF001;
 // play (started, end of clip, stopped, replaced, error, deleted, refused).
 constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_PLAYLIST = playbackmsg::kTypePlaylist;
 constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_PLAYSTATE = playbackmsg::kTypePlayState;
+// Download of a stored clip or snapshot over RDT, and the hub's answer (docs/playback.md).
+constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_DOWNLOAD = 0xF010;
+constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_DOWNLOAD_RESP = 0xF011;
 
 // Quality of a live start that names none.
 constexpr int kDefaultVideoQuality = 2;
