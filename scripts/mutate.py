@@ -196,6 +196,9 @@ def line_mutants(module, path, line_no, line, in_text_statement):
                                                      and stripped.startswith(("(", "!"))):
         windows.append((0, len(code)))
     windows = [w for w in windows if CMP_RE.search(code[w[0]:w[1]])]
+    # A bound taken with a conditional or std::min/std::max (copy at most outlen - 1 bytes).
+    if re.search(r"\s\?\s|\bstd::(min|max)\(", code):
+        windows.append((0, len(code)))
 
     def in_window(pos):
         return any(a <= pos < b for a, b in windows)

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include <string>
 
 #include "platform/board.h"
@@ -49,9 +51,16 @@ TEST_F(NvramTest, IdentityOfTheBoardReachesTheViewThroughTheCache) {
   EXPECT_EQ(Get("p2p", "uid"), "TARVOHUB000000000001");
   EXPECT_EQ(Get("p2p", "nothing"), "<absent>");
 
-  char small[5];
-  ASSERT_EQ(nvram_get("p2p", "uid", small, sizeof(small)), 0);
-  EXPECT_STREQ(small, "TARV");
+  // Cut to the room given, the terminator inside it; the byte after the room is never written.
+  char room[32];
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(nvram_get("p2p", "uid", room, 5), 0);
+  EXPECT_STREQ(room, "TARV");
+  EXPECT_EQ(room[5], '#');
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(nvram_get("p2p", "did", room, 11), 0);  // ten digits fill the room exactly
+  EXPECT_STREQ(room, "1000000001");
+  EXPECT_EQ(room[11], '#');
 }
 
 TEST_F(NvramTest, SetIsSeenAtOnceAndKeptOnlyAfterCommit) {

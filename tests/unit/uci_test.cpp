@@ -65,9 +65,21 @@ TEST_F(UciTest, ReadsTheBoardsPackagesByNameAndByTypeIndex) {
   EXPECT_EQ(Get("p2p.0A1B2C3D4E5F.new_interval"), "60");
   EXPECT_EQ(Get("p2p.112233445566.event"), "motion1");
 
-  char small[4];
-  ASSERT_EQ(zcfg_uci_get("wireless.@wifi-iface[2].ssid", small, sizeof(small)), 0);
-  EXPECT_STREQ(small, "tar");
+  // A value is cut to the room given, its terminator inside that room: the byte after the
+  // room is never written, whether the value is longer than the room or fills it exactly.
+  char room[16];
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(zcfg_uci_get("wireless.@wifi-iface[2].ssid", room, 4), 0);
+  EXPECT_STREQ(room, "tar");
+  EXPECT_EQ(room[4], '#');
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(zcfg_uci_get("hub_config.power.threshold", room, 3), 0);  // "20" and its terminator
+  EXPECT_STREQ(room, "20");
+  EXPECT_EQ(room[3], '#');
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(zcfg_uci_get("hub_config.power.threshold", room, 2), 0);
+  EXPECT_STREQ(room, "2");
+  EXPECT_EQ(room[2], '#');
 }
 
 TEST_F(UciTest, SetCreatesRetypesAndDeletesSectionsAndKeepsTheRest) {
