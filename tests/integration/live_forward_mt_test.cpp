@@ -322,22 +322,27 @@ TEST_F(LiveForward, FramesThatLostAPieceOrCarryABadSecondMagicNeverReachViewers)
   ch_->RegisteVideoForLiveClient(a.client.get());
   camsim::VideoFrameHeader h;
 
-  // Frame 0 in three pieces, the middle one lost on the way: pieces 1 and 3 only.
+  // Frame 0 in three pieces, the middle one lost on the way: pieces 1 and 3 only. Sent twice:
+  // as cut, and with a header length that two pieces could hold (the camera's word for the
+  // length is no proof that every piece came).
   const Bytes holed = MakeFrame(2 * 16384 + 500, false, 6);
   h.length = static_cast<uint32_t>(holed.size());
-  h.index = 0;
-  for (int piece : {1, 3}) {
-    const int size = camsim::BuildVideoPiece(out_.data(), out_.size(), Origin(), h, holed.data(),
-                                             piece, 3);
-    CameraSends(out_.data(), static_cast<size_t>(size));
+  for (uint32_t length : {h.length, uint32_t{20000}}) {
+    h.index = 0;
+    for (int piece : {1, 3}) {
+      const int size =
+          camsim::BuildVideoPiece(out_.data(), out_.size(), Origin(), h, holed.data(), piece, 3);
+      command::PutLe32(command::AsFrame(out_.data())->Payload(), length);
+      CameraSends(out_.data(), static_cast<size_t>(size));
+    }
   }
   // Frame 1 in one piece whose second magic is damaged (either byte).
   const Bytes damaged = MakeFrame(700, false, 7);
   h.length = static_cast<uint32_t>(damaged.size());
   h.index = 1;
   for (size_t at : {24u, 25u}) {
-    const int size = camsim::BuildVideoPiece(out_.data(), out_.size(), Origin(), h,
-                                             damaged.data(), 1, 1);
+    const int size =
+        camsim::BuildVideoPiece(out_.data(), out_.size(), Origin(), h, damaged.data(), 1, 1);
     out_[at] = 0x69;
     CameraSends(out_.data(), static_cast<size_t>(size));
   }
