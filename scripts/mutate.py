@@ -245,6 +245,8 @@ def line_mutants(module, path, line_no, line, in_text_statement):
                 "call %s(...) removed" % m.group(1))
     # order
     for m in PUT_RE.finditer(code):
+        if re.search(r"\w\s*$", code[:m.start()]):
+            continue  # the writer's own definition or declaration, not a call
         open_at = m.end() - 1
         close_at = match_paren(code, open_at)
         if close_at < 0:
@@ -473,13 +475,22 @@ class Runner:
 # Reports
 
 
+def record(mutant, status, killer, seconds):
+    return {"id": mutant.id, "path": mutant.path, "line": mutant.line_no, "op": mutant.op,
+            "detail": mutant.detail, "status": status, "killer": killer,
+            "seconds": round(seconds, 1)}
+
+
+def shown_status(rec, equivalents):
+    if rec["status"] == "survived" and rec["id"] in equivalents:
+        return "equivalent"
+    return rec["status"]
+
+
 def module_figures(results, equivalents):
     fig = {"killed": 0, "timeout": 0, "survived": 0, "equivalent": 0, "build-failed": 0}
-    for mutant, status, _, _ in results:
-        if status == "survived" and mutant.id in equivalents:
-            fig["equivalent"] += 1
-        else:
-            fig[status] += 1
+    for rec in results:
+        fig[shown_status(rec, equivalents)] += 1
     counted = fig["killed"] + fig["timeout"] + fig["survived"]
     fig["score"] = 100.0 * (fig["killed"] + fig["timeout"]) / counted if counted else 100.0
     return fig
@@ -487,6 +498,8 @@ def module_figures(results, equivalents):
 
 def report(all_results, equivalents, command):
     out = ["# Mutation report", "", "Command: `%s`" % command, "",
+           "Killed % counts killed and timed-out mutants among all but the equivalent and the "
+           "build-failed ones.", "",
            "| module | mutants | killed | timeout | survived | equivalent | build failed | "
            "killed % |", "|---|---|---|---|---|---|---|---|"]
     totals = {"killed": 0, "timeout": 0, "survived": 0, "equivalent": 0, "build-failed": 0}
@@ -506,15 +519,21 @@ def report(all_results, equivalents, command):
     for module, results in all_results.items():
         out.append("### %s" % module)
         out.append("")
-        for mutant, status, killer, seconds in results:
-            note = killer
-            if status == "survived" and mutant.id in equivalents:
-                status, note = "equivalent", equivalents[mutant.id]
+        for rec in results:
+            status = shown_status(rec, equivalents)
+            note = equivalents[rec["id"]] if status == "equivalent" else rec["killer"]
             out.append("- %s `%s` %s:%d %s: %s%s (%.0f s)" % (
-                status, mutant.id, mutant.path, mutant.line_no, mutant.op, mutant.detail,
-                " -- " + note if note else "", seconds))
+                status, rec["id"], rec["path"], rec["line"], rec["op"], rec["detail"],
+                " -- " + note if note else "", rec["seconds"]))
         out.append("")
-    return "\n".join(out)
+    return "\n".join(out) + "\n"
+
+
+def write_reports(path, all_results, equivalents, command):
+    with open(path, "w", encoding="utf-8") as f:
+        f.write(report(all_results, equivalents, command))
+    with open(os.path.splitext(path)[0] + ".json", "w", encoding="utf-8") as f:
+        json.dump({"command": command, "modules": all_results}, f, indent=1)
 
 
 def main():
@@ -522,17 +541,22 @@ def main():
         description="Plant small faults in the hub's code one at a time and see which the tests "
                     "catch.")
     parser.add_argument("--module", action="append",
-                        help="module to mutate (repeatable), e.g. camera/frame; default: all")
+                        help="module to mutate (repeatable), e.g. camera/frame; default: all but "
+                             "camera/livechannel")
     parser.add_argument("--seed", type=int, default=17, help="selection seed (default 17)")
     parser.add_argument("--max", type=int, default=12,
                         help="mutants per module, 0 for all (default 12)")
     parser.add_argument("--operator", action="append", choices=OPERATORS,
                         help="only these operators (repeatable)")
     parser.add_argument("--id", action="append", help="only the mutants with these ids")
+    parser.add_argument("--again", action="store_true",
+                        help="run only the survivors of the last report again (after new tests) "
+                             "and update that report")
     parser.add_argument("--list", action="store_true", help="show the mutants, run nothing")
     parser.add_argument("--modules", action="store_true", help="show the module map")
     parser.add_argument("--workdir", default=os.path.join(TOP, "build-mutate"))
-    parser.add_argument("--report", help="report file (default WORKDIR/mutation-report.md)")
+    parser.add_argument("--report", help="report file (default WORKDIR/mutation-report.md; a "
+                                         ".json beside it)")
     parser.add_argument("--jobs", type=int, default=1, help="build jobs (default 1)")
     parser.add_argument("--test-jobs", type=int, default=1, help="ctest jobs (default 1)")
     parser.add_argument("--nice", type=int, default=10, help="nice level (default 10)")
@@ -545,11 +569,22 @@ def main():
         for name, (files, programs) in MODULES.items():
             print("%-24s %s  tests: %s" % (name, " ".join(files), " ".join(programs)))
         return 0
-    modules = args.module or [m for m in MODULES if m not in OPTIONAL]
+    report_path = args.report or os.path.join(os.path.abspath(args.workdir),
+                                              "mutation-report.md")
+    equivalents = load_equivalents()
+    previous = {}
+    command = "scripts/mutate.py " + " ".join(sys.argv[1:])
+    if args.again:
+        with open(os.path.splitext(report_path)[0] + ".json", encoding="utf-8") as f:
+            last = json.load(f)
+        previous = last["modules"]
+        command = last["command"] + "; then scripts/mutate.py --again"
+        modules = [m for m in previous if m in MODULES]
+    else:
+        modules = args.module or [m for m in MODULES if m not in OPTIONAL]
     for name in modules:
         if name not in MODULES:
             sys.exit("mutate: unknown module %s (see --modules)" % name)
-    equivalents = load_equivalents()
 
     plan = {}
     for name in modules:
@@ -559,7 +594,14 @@ def main():
             candidates += file_mutants(name, path)
         if args.operator:
             candidates = [m for m in candidates if m.op in args.operator]
-        if args.id:
+        if args.again:
+            wanted = [r["id"] for r in previous[name] if shown_status(r, equivalents) == "survived"]
+            chosen = [m for m in candidates if m.id in wanted]
+            missing = set(wanted) - set(m.id for m in chosen)
+            if missing:
+                print("%s: %s no longer found (code changed); left as they were" % (
+                    name, " ".join(sorted(missing))))
+        elif args.id:
             chosen = [m for m in candidates if m.id in args.id]
         else:
             chosen = select(name, candidates, args.seed, args.max)
@@ -578,13 +620,13 @@ def main():
     for sig in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(sig, signal.default_int_handler)
     runner.prepare()
-    command = "scripts/mutate.py " + " ".join(sys.argv[1:])
-    report_path = args.report or os.path.join(runner.work, "mutation-report.md")
-    all_results = {}
+    all_results = {name: list(recs) for name, recs in previous.items()}
     try:
         for name, (chosen, total) in plan.items():
             _, programs = MODULES[name]
             print("== %s: %d mutants of %d candidates" % (name, len(chosen), total), flush=True)
+            if not chosen:
+                continue
             if not runner.build_programs(programs):
                 print("   the unmutated tree does not build; module skipped", flush=True)
                 continue
@@ -596,8 +638,7 @@ def main():
             limit = int(max(60, 3 * base_seconds + 20))
             print("   %d tests, %.0f s unmutated, limit %d s" % (len(names), base_seconds, limit),
                   flush=True)
-            results = []
-            all_results[name] = results
+            results = all_results.setdefault(name, [])
             for mutant in chosen:
                 start = time.monotonic()
                 path, original = runner.plant(mutant)
@@ -608,23 +649,16 @@ def main():
                         status, killer = "build-failed", ""
                 finally:
                     runner.restore(path, original)
-                seconds = time.monotonic() - start
-                results.append((mutant, status, killer, seconds))
-                shown = status
-                if status == "survived" and mutant.id in equivalents:
-                    shown = "equivalent"
-                print("   %-12s %s%s" % (shown, mutant.describe(),
+                rec = record(mutant, status, killer, time.monotonic() - start)
+                # A mutant run again replaces its earlier result.
+                results[:] = [r for r in results if r["id"] != mutant.id] + [rec]
+                print("   %-12s %s%s" % (shown_status(rec, equivalents), mutant.describe(),
                                          " -- " + killer if killer else ""), flush=True)
-                with open(report_path, "w", encoding="utf-8") as f:
-                    f.write(report(all_results, equivalents, command))
+                write_reports(report_path, all_results, equivalents, command)
     except KeyboardInterrupt:
         print("mutate: interrupted; the tree copy is restored", flush=True)
-    finally:
-        # The last restore rebuilds nothing yet; the next run's build starts from clean code.
-        pass
+    write_reports(report_path, all_results, equivalents, command)
     text = report(all_results, equivalents, command)
-    with open(report_path, "w", encoding="utf-8") as f:
-        f.write(text + "\n")
     print()
     print(text.split("\n## Mutants")[0])
     print("report: %s" % report_path)

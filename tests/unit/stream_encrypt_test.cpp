@@ -98,11 +98,16 @@ TEST(AudioEncrypt, NonceThenWholePayloadXoredFromCounterZero) {
   EXPECT_EQ(320, audio_chacha20_decrypt(out.data(), 328, key.data(), out.data(), out.size()));
   EXPECT_EQ(audio, Bytes(out.begin(), out.begin() + 320));
 
-  // Two frames never share a nonce.
-  Bytes again(328);
-  audio_chacha20_encrypt(reinterpret_cast<const char*>(audio.data()), 320, key.data(), again.data(),
-                         again.size());
-  EXPECT_NE(0, std::memcmp(again.data(), out.data(), 8));
+  // Two packets never share a nonce, not even when the hub encrypts them into one work buffer
+  // one after the other.
+  Bytes work(328);
+  ASSERT_NE(nullptr, audio_chacha20_encrypt(reinterpret_cast<const char*>(audio.data()), 320,
+                                            key.data(), work.data(), work.size()));
+  const Bytes first(work.begin(), work.begin() + 8);
+  ASSERT_NE(nullptr, audio_chacha20_encrypt(reinterpret_cast<const char*>(audio.data()), 320,
+                                            key.data(), work.data(), work.size()));
+  EXPECT_NE(first, Bytes(work.begin(), work.begin() + 8));
+  EXPECT_NE(Bytes(8, 0), first);
 }
 
 TEST(AudioEncrypt, RefusesNullArgumentsAndOutputsTooSmall) {
