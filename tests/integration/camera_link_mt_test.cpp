@@ -499,6 +499,15 @@ TEST(CameraLink, PairingRecordsTheCameraAndGivesItAChannel) {
   EXPECT_EQ(Operstate("ra1"), "down\n");
   EXPECT_TRUE(g_world->log.Has("state: 5", mark));
   EXPECT_TRUE(g_world->log.Has("state: 4", mark));
+  // The pairing server's log lines, which support staff read, word for word (": " ends the
+  // record's head, so each must be the whole text).
+  for (const char* line :
+       {": start auth tcp server, ifconfig ra1 up ok!$", ": accept_count = 0$",
+        ": has a client ip 127\\.0\\.0\\.4 connect$", ": auth camera mac: 0A0000000004$",
+        ": Recv succeed!$", ": stop auth tcp server, ifconfig ra1 down ok!$",
+        ": exit auth thread\\.{6}$"}) {
+    EXPECT_TRUE(g_world->log.Has(line, mark)) << line;
+  }
 
   ASSERT_TRUE(ConnectAndLogin(cam, kCamN, 0x200));
 }
