@@ -366,18 +366,26 @@ def sync_tree(tree):
 
 
 def run(cmd, timeout, log):
+    """(status, output) of a command in a process group of its own; the whole group is killed
+    at the time limit (status None) or when this script is interrupted."""
     log.write("$ %s\n" % " ".join(cmd))
     log.flush()
+    p = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                         start_new_session=True)
     try:
-        p = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=timeout,
-                           start_new_session=True)
-        text = p.stdout.decode(errors="replace")
-        log.write(text)
-        return p.returncode, text
-    except subprocess.TimeoutExpired as e:
-        text = (e.stdout or b"").decode(errors="replace")
-        log.write(text + "\n[time limit]\n")
-        return None, text
+        out, _ = p.communicate(timeout=timeout)
+        code = p.returncode
+    except subprocess.TimeoutExpired:
+        os.killpg(p.pid, signal.SIGKILL)
+        out, _ = p.communicate()
+        code = None
+    except BaseException:
+        os.killpg(p.pid, signal.SIGKILL)
+        p.wait()
+        raise
+    text = out.decode(errors="replace")
+    log.write(text + ("\n[time limit]\n" if code is None else ""))
+    return code, text
 
 
 class Runner:

@@ -156,6 +156,11 @@ TEST_F(HubAuth, GoodLoginSetsTheSlotKeyBothEndsAgreeOn) {
   EXPECT_EQ(-1, app_share_key(get_dev_pub_key(), app, nullptr));
   unsigned char out[32];
   EXPECT_EQ(-1, client_encrypt_info.Get(4, out));
+  EXPECT_EQ(-1, client_encrypt_info.Get(-1, out));
+  // Slots outside the table are left alone (the sanitizer build sees any write past it).
+  client_encrypt_info.Clear(4);
+  client_encrypt_info.Clear(-1);
+  ASSERT_EQ(0, client_encrypt_info.Get(3, out));
   client_encrypt_info.Clear(1);
   EXPECT_EQ(-1, client_encrypt_info.Get(1, out));
 }
