@@ -360,6 +360,23 @@ TEST_F(LiveForward, FramesThatLostAPieceOrCarryABadSecondMagicNeverReachViewers)
   EXPECT_EQ(3u, ch_->LastFrameIndex());
 }
 
+TEST_F(LiveForward, AFrameWithoutAStartCodeGoesOutWithNoUnitListedAndIsLogged) {
+  testsupport::LogCapture log;
+  ViewerSlot& a = OpenViewer();
+  ch_->RegisteVideoForLiveClient(a.client.get());
+  Bytes odd = MakeFrame(600, false, 9);
+  odd[2] = 0x02;  // 00 00 02 00: no start code anywhere
+  odd[3] = 0x00;
+  SendFrame(odd, 0);
+  EXPECT_TRUE(log.Has(": live: get nalu info before encrypto fail!$"));
+  bool video = false;
+  Bytes plain;
+  viewer::FrameInfo info;
+  ASSERT_TRUE(Receive(a, &video, &plain, &info));
+  EXPECT_EQ(odd, plain);
+  EXPECT_TRUE(info.encrypted);
+}
+
 TEST_F(LiveForward, TranVideoDataCountsPiecesAndReturnsTheNextIndex) {
   const Bytes frame = MakeFrame(2 * 16384 + 10, false, 1);
   camsim::VideoFrameHeader h;
