@@ -293,7 +293,8 @@ TEST(Camsim, ConnectsFromItsOwnAddressLogsInAndKeepsTheHubInformed) {
   EXPECT_TRUE(s.awake);
   EXPECT_EQ(1, s.logins);
   EXPECT_GE(s.keepalives, 3);
-  EXPECT_LT(s.SinceLastFrame(), milliseconds(2000));
+  // and they keep coming (an event, not a time: a loaded machine may pause this thread)
+  EXPECT_TRUE(WaitFor([&] { return cam.GetStats().keepalives > s.keepalives; }));
 }
 
 TEST(Camsim, CommandsAreAnsweredToTheirSource) {

@@ -58,6 +58,8 @@ class HubEnvironment : public ::testing::Environment {
   void TearDown() override {
     delete g_broker;
     g_broker = nullptr;
+    delete g_board;  // no board root is left behind in the temporary folder
+    g_board = nullptr;
   }
 };
 

@@ -148,7 +148,7 @@ bool Bindable(uint16_t port) {
 // check that a port is free and the bind by the code under test, another test program could
 // otherwise be handed the same port.
 bool Claim(uint16_t port) {
-  static const std::string dir = "/tmp/tarvo-test-ports";
+  static const std::string dir = "/tmp/tarvo-port-claims";
   mkdir(dir.c_str(), 0777);
   const std::string path = dir + "/" + std::to_string(port);
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);

@@ -62,7 +62,7 @@ bool WaitFor(const std::function<bool()>& cond,
 
 // A port that TCP and UDP could bind on every address a moment ago, outside the kernel's
 // ephemeral range, never handed out twice by this program and claimed against every other test
-// program on the machine until this one ends (a lock under /tmp/tarvo-test-ports).
+// program on the machine until this one ends (a lock under /tmp/tarvo-port-claims).
 uint16_t FreePort();
 
 // A child process with its own environment; standard output and standard error are collected

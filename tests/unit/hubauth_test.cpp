@@ -82,6 +82,8 @@ class HubAuth : public ::testing::Test {
   static void TearDownTestSuite() {
     SetCredentialPublisher(nullptr);
     tlog::SetCaptureSink({});
+    delete g_dir;  // no board root is left behind in the temporary folder
+    g_dir = nullptr;
   }
   void SetUp() override {
     std::lock_guard<std::mutex> lock(g_pub_mutex);
