@@ -137,7 +137,7 @@ TEST(P2pWire, MalformedHeadersFailAtOnceAndStayFailed) {
 TEST(P2pWire, EachLengthLimitHoldsAtItsBoundary) {
   // The largest payload of a type is taken (the decoder waits for it); one byte more is
   // refused from the header alone. AV and client logins: 1 + 255 account + 2 + 1024 text;
-  // I/O control: 4 + 1024; audio: 5 + 64 frame information + 65536.
+  // I/O control: 4 + 1024; audio: 5 + 64 frame information + 65536; the results: 12 and 8.
   struct Case {
     const char* what;
     Reader reader;
@@ -150,6 +150,9 @@ TEST(P2pWire, EachLengthLimitHoldsAtItsBoundary) {
       {"I/O control to the hub", Reader::kHub, 0x20, 1028},
       {"I/O control to a viewer", Reader::kViewer, 0x20, 1028},
       {"audio to the hub", Reader::kHub, 0x22, 5 + 64 + 65536},
+      {"session result", Reader::kViewer, 0x02, 12},
+      {"AV login result", Reader::kViewer, 0x11, 8},
+      {"client login result", Reader::kHub, 0x13, 8},
   };
   for (const auto& c : cases) {
     for (uint32_t len : {c.largest, c.largest + 1}) {
