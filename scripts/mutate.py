@@ -64,7 +64,7 @@ MODULES = {
     "server/ioctrl": (["src/server/ioctrl.cpp"],
                       ["ioctrl_test", "live_view_test:AMovedViewer|AClosedSession"]),
     "server/pairing": (["src/server/pairing.cpp"],
-                       ["camera_link_mt_test", "camsim_mt_test"]),
+                       ["camsim_parts_test", "camera_link_mt_test", "camsim_mt_test"]),
     "cloud/mqttclient": (["src/cloud/mqttclient.cpp"],
                          ["hubauth_test", "mqtt_router_mt_test"]),
     "platform/uci": (["src/platform/uci.cpp", "src/platform/ucifile.cpp"],
