@@ -147,6 +147,25 @@ TEST(Router, UnknownMethodsAndMalformedMessagesGetNoReplyAndDoNoHarm) {
   EXPECT_TRUE(g_log->Has("Drop message of 204800 bytes", mark));
 }
 
+TEST(Router, MessagesUpTo64KiBAreReadAndOneByteMoreIsDropped) {
+  std::string topic = "zelo/command";
+  for (int len : {64 * 1024, 64 * 1024 + 1}) {
+    // A command padded to the length: the largest still goes to the parser.
+    const std::string head = "{\"id\":1,\"method\":\"no_such_method\",\"pad\":\"";
+    std::string text = head + std::string(static_cast<size_t>(len) - head.size() - 2, 'p') + "\"}";
+    ASSERT_EQ(static_cast<size_t>(len), text.size());
+    mosquitto_message message{};
+    message.topic = topic.data();
+    message.payload = text.data();
+    message.payloadlen = len;
+    const size_t mark = g_log->Mark();
+    my_message_callback(nullptr, nullptr, &message);
+    EXPECT_EQ(len > 64 * 1024,
+              g_log->Has("Drop message of " + std::to_string(len) + " bytes", mark))
+        << len;
+  }
+}
+
 TEST(Router, TopicIsMatchedByItsPrefix) {
   auto agent = Agent();
   const int id = cloudsim::CloudAgent::NextId();
