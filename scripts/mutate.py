@@ -70,7 +70,7 @@ MODULES = {
     "platform/uci": (["src/platform/uci.cpp", "src/platform/ucifile.cpp"],
                      ["uci_test", "board_mkboard_test", "recordindex_test"]),
     "platform/nvram": (["src/platform/nvram.cpp"],
-                       ["nvram_test", "board_mkboard_test", "configuration_test"]),
+                       ["nvram_test", "shim_test", "board_mkboard_test", "configuration_test"]),
     "storage/recordindex": (["src/storage/recordindex.cpp"], ["recordindex_test"]),
     "cloud/storagecmd": (["src/cloud/storagecmd.cpp"],
                          ["sdcard_daemon_mt_test"]),
