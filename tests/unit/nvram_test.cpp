@@ -50,6 +50,11 @@ TEST_F(NvramTest, IdentityOfTheBoardReachesTheViewThroughTheCache) {
   EXPECT_EQ(Get("p2p", "mac"), "021A2B3C4D5E");
   EXPECT_EQ(Get("p2p", "uid"), "TARVOHUB000000000001");
   EXPECT_EQ(Get("p2p", "nothing"), "<absent>");
+  // The listing replaces what the vector held.
+  std::vector<std::pair<std::string, std::string>> entries = {{"stale.entry", "x"}};
+  ASSERT_TRUE(platform::NvramEntries(&entries));
+  ASSERT_EQ(entries.size(), 4u);
+  EXPECT_EQ(entries[0], (std::pair<std::string, std::string>{"p2p.did", "1000000001"}));
 
   // Cut to the room given, the terminator inside it; the byte after the room is never written.
   char room[32];
