@@ -235,6 +235,14 @@ TEST_F(RecordIndex, EventFilesAreFoundAndRemovedByStartTimeOnly) {
   start = t + 1;
   EXPECT_EQ(IsFileExist(path, &start, mp4, mac), -2);
   EXPECT_TRUE(log_.Has("file not on sdcard ,dir: "));
+  // Extensions: lower-case letters and digits, at most eight, all of them at the ends of their
+  // ranges allowed (looked for, not found); one more character, or another one, refused.
+  char edges[] = "a0z9aaaa";
+  EXPECT_EQ(IsFileExist(path, &start, edges, mac), -2);
+  char nine[] = "a0z9aaaaa";
+  EXPECT_EQ(IsFileExist(path, &start, nine, mac), -1);
+  char upper[] = "MP4";
+  EXPECT_EQ(IsFileExist(path, &start, upper, mac), -1);
   char hostile_ext[] = "mp4;id";
   char hostile_mac[] = "0A00000000A/";
   EXPECT_EQ(IsFileExist(path, &start, hostile_ext, mac), -1);
