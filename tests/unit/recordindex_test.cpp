@@ -260,6 +260,13 @@ TEST_F(RecordIndex, EventFilesAreFoundAndRemovedByStartTimeOnly) {
   EXPECT_EQ(RomoveTimestampAndFile(t + 2, kCam), -1);
   EXPECT_EQ(RomoveTimestampAndFile(t, "../../../../x"), -1);
 
+  // Every plain path character, the ends of each range included, reaches rm.
+  const std::string plain = Board("/tmp/AZaz09._-+,:@%=~");
+  WriteFile(plain, "x");
+  std::vector<char> plain_path(plain.begin(), plain.end());
+  plain_path.push_back('\0');
+  EXPECT_EQ(RemoveFile(plain_path.data()), 0);
+  EXPECT_FALSE(FileExists(plain));
   char quoted[] = "/tmp/x'; touch /tmp/y; '";
   EXPECT_EQ(RemoveFile(quoted), -1);
   EXPECT_EQ(RemoveFile(nullptr), -1);
