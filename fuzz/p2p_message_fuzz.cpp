@@ -1,5 +1,6 @@
 // The P2P transport's message parser on arbitrary bytes: the stream decoder as the hub and as a
-// viewer reads it, and every payload parser on each message it yields.
+// viewer reads it, and every payload parser (sessions, AV channels, reliable transfer) on each
+// message it yields.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -16,6 +17,9 @@ void Parse(const p2p::wire::Message& m) {
   LoginResult login_result;
   IoCtrl io;
   Frame frame;
+  RdtOpen rdt_open;
+  RdtClose rdt_close;
+  uint32_t credit = 0;
   switch (static_cast<MsgType>(m.type)) {
     case MsgType::kHello:
       if (ParseHello(m.payload, &hello) &&
@@ -43,6 +47,24 @@ void Parse(const p2p::wire::Message& m) {
       if (ParseFrame(m.payload, kMaxAudioData, &frame) &&
           (frame.info.size() > kMaxFrameInfo || frame.data.size() > kMaxAudioData))
         __builtin_trap();
+      break;
+    case MsgType::kRdtOpen:
+      if (ParseRdtOpen(m.payload, &rdt_open) &&
+          (rdt_open.window == 0 || rdt_open.token == 0 || m.payload.size() != 12))
+        __builtin_trap();
+      break;
+    case MsgType::kRdtCredit:
+      if (ParseRdtCredit(m.payload, &credit) && (credit == 0 || m.payload.size() != 4))
+        __builtin_trap();
+      break;
+    case MsgType::kRdtClose:
+      if (ParseRdtClose(m.payload, &rdt_close) &&
+          (rdt_close.token == 0 ||
+           (rdt_close.reason != kRdtCloseExit && rdt_close.reason != kRdtCloseAbort)))
+        __builtin_trap();
+      break;
+    case MsgType::kRdtData:
+      if (m.payload.size() > kMaxRdtData) __builtin_trap();
       break;
     default:
       break;

@@ -12,6 +12,7 @@
 
 #include "p2p/iotc.h"
 #include "server/iotypes.h"
+#include "viewer/viewerdownload.h"
 #include "viewer/viewerframe.h"
 #include "viewer/viewerlive.h"
 #include "viewer/viewersession.h"
@@ -71,6 +72,14 @@ const char kUsage[] =
     "                       The session is held at least until the file has been sent\n"
     "  --talk-channel N     the talkback channel the viewer serves, 1..31 (default 1)\n"
     "  --talk-frame BYTES   bytes a frame, 1..2048 (default 320: 40 ms)\n"
+    "\n"
+    "Download of a stored event (over the session's reliable transfer, RDT):\n"
+    "  --download MAC START DIR\n"
+    "                       fetch the clip and the snapshot of camera MAC's event that started\n"
+    "                       at START (epoch seconds) into the existing folder DIR, under their\n"
+    "                       card names, byte for byte; prints \"download mp4 NAME bytes N\" and\n"
+    "                       \"download jpg NAME bytes N\", then closes the session\n"
+    "  --rdt-channel N      the IOTC channel of the RDT end, 1..31 (default 2)\n"
     "\n"
     "Output:\n"
     "  -q, --quiet          print nothing on standard output\n"
@@ -137,6 +146,8 @@ struct Args {
   long long hold_s = 0;
   bool abort = false;
   bool quiet = false;
+  bool download = false;
+  viewer::DownloadOptions fetch;
   bool has_uid = false, has_password = false, has_token = false, has_hub_key = false;
   bool has_text = false;
   std::string uid, password, token, hub_key, text;
@@ -157,6 +168,17 @@ int ParseArgs(int argc, char** argv, Args* a) {
       a->abort = true;
     } else if (arg == "--no-stop") {
       a->no_stop = true;
+    } else if (arg == "--download") {
+      if (i + 3 >= argc) return Usage("--download needs MAC START DIR");
+      a->download = true;
+      a->fetch.camera_mac = argv[++i];
+      if (!IsMac(a->fetch.camera_mac)) return Usage("--download needs twelve hexadecimal digits");
+      for (char& c : a->fetch.camera_mac) {
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+      }
+      if (!ParseNumber(argv[++i], 1, 4294967295LL, &number)) return Usage("bad --download START");
+      a->fetch.start = number;
+      a->fetch.dir = argv[++i];
     } else if (!has_value) {
       return Usage("unknown option or missing value: " + arg);
     } else if (arg == "--credentials") {
@@ -203,6 +225,9 @@ int ParseArgs(int argc, char** argv, Args* a) {
         return Usage("bad --talk-frame");
       }
       a->talk_frame = number;
+    } else if (arg == "--rdt-channel") {
+      if (!ParseNumber(argv[++i], 1, 31, &number)) return Usage("bad --rdt-channel");
+      a->fetch.channel = static_cast<uint8_t>(number);
     } else if (arg == "--uid") {
       a->uid = argv[++i];
       a->has_uid = true;
@@ -276,6 +301,23 @@ int main(int argc, char** argv) {
            : session.Login(credentials, args.session);
   if (rc != 0) return refused("login", rc);
   say("login ok");
+
+  if (args.download) {
+    args.fetch.timeout_ms = args.session.timeout_ms;
+    viewer::DownloadResult fetched;
+    const int got = viewer::Download(session, args.fetch, &fetched);
+    for (const auto& f : fetched.files) {
+      say("download " + f.kind + " " + f.name + " bytes " + std::to_string(f.size));
+    }
+    if (got != 0) {
+      std::fprintf(stderr, "error download: %s\n", fetched.error.c_str());
+      session.Close();
+      return 1;
+    }
+    session.Close();
+    say("closed");
+    return 0;
+  }
 
   // Frames come only after the viewer asks for live view; they are counted and decrypted here so
   // that a broken stream shows.

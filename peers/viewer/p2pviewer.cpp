@@ -73,6 +73,20 @@ int ConnectTcp(const std::string& host, uint16_t port, Clock::time_point deadlin
   return fd;
 }
 
+// The RDT code of a session that has ended with an AV code.
+int SessionRdtCode(int status) {
+  switch (status) {
+    case 0:
+      return 0;
+    case AV_ER_SESSION_CLOSE_BY_REMOTE:
+      return RDT_ER_SESSION_CLOSE_BY_REMOTE;
+    case AV_ER_REMOTE_TIMEOUT_DISCONNECT:
+      return RDT_ER_REMOTE_TIMEOUT_DISCONNECT;
+    default:
+      return RDT_ER_SESSION_CLOSED;
+  }
+}
+
 }  // namespace
 
 Viewer::~Viewer() {
@@ -181,6 +195,11 @@ int Viewer::Connect(const std::string& host, uint16_t port, const std::string& u
     ioctrl_.clear();
     frames_.clear();
     frame_bytes_ = 0;
+    for (auto& r : rdt_) {
+      const uint64_t gen = r.gen + 1;
+      r = RdtEnd();
+      r.gen = gen;
+    }
   }
   reader_ = std::thread(&Viewer::Reader, this);
   TLOG(LOG_DEBUG) << "viewer: session " << sid_ << " open on " << host << ":" << port;
@@ -254,6 +273,12 @@ bool Viewer::Handle(const wire::Message& m) {
       cv_.notify_all();
       return true;
     }
+    case MsgType::kRdtOpen:
+    case MsgType::kRdtData:
+    case MsgType::kRdtCredit:
+    case MsgType::kRdtClose:
+      if (HandleRdt(m)) return true;
+      break;
     default:
       break;
   }
@@ -262,6 +287,224 @@ bool Viewer::Handle(const wire::Message& m) {
   std::lock_guard<std::mutex> lock(mu_);
   End(AV_ER_REMOTE_TIMEOUT_DISCONNECT);
   return false;
+}
+
+bool Viewer::HandleRdt(const wire::Message& m) {
+  using wire::MsgType;
+  std::lock_guard<std::mutex> lock(mu_);
+  RdtEnd& r = rdt_[m.channel];
+  switch (static_cast<MsgType>(m.type)) {
+    case MsgType::kRdtOpen: {
+      wire::RdtOpen o;
+      if (!wire::ParseRdtOpen(m.payload, &o)) return false;
+      if (o.answer != 0 && (r.state == RdtEnd::kNone || r.token != o.answer)) {
+        // It meets an end of this side that has gone: stale.
+      } else if (r.state == RdtEnd::kConnecting) {
+        r.peer = o.token;
+        r.window = std::min(o.window, kRdtWindow);
+        r.credit = r.window;
+        r.state = RdtEnd::kOpen;
+      } else if (r.state == RdtEnd::kOpen && r.remote_end == 0) {
+        return false;  // a second open of the paired end
+      } else {
+        r.offer = o;
+      }
+      break;
+    }
+    case MsgType::kRdtData:
+      if (m.payload.empty()) return false;
+      if (r.state == RdtEnd::kOpen && r.remote_end == 0) {
+        if (r.in_bytes + m.payload.size() > kRdtWindow) return false;
+        r.in_bytes += m.payload.size();
+        r.in.push_back(m.payload);
+      }
+      break;
+    case MsgType::kRdtCredit: {
+      uint32_t bytes = 0;
+      if (!wire::ParseRdtCredit(m.payload, &bytes)) return false;
+      if (r.state == RdtEnd::kOpen) {
+        if (bytes > r.window - r.credit) return false;
+        r.credit += bytes;
+      }
+      break;
+    }
+    case MsgType::kRdtClose: {
+      wire::RdtClose c;
+      if (!wire::ParseRdtClose(m.payload, &c)) return false;
+      if (r.state == RdtEnd::kOpen && r.peer == c.token) {
+        if (r.remote_end == 0)
+          r.remote_end = c.reason == wire::kRdtCloseExit ? RDT_ER_REMOTE_EXIT : RDT_ER_REMOTE_ABORT;
+        if (c.reason == wire::kRdtCloseAbort) {
+          r.in.clear();
+          r.in_bytes = r.in_pos = 0;
+        }
+      } else if (r.offer.token == c.token) {
+        r.offer = wire::RdtOpen();
+      }
+      break;
+    }
+    default:
+      return false;
+  }
+  cv_.notify_all();
+  return true;
+}
+
+int Viewer::RdtCode(int id, uint64_t gen) const {
+  const RdtEnd& r = rdt_[id];
+  if (r.gen != gen || r.state == RdtEnd::kNone) return RDT_ER_LOCAL_ABORT;
+  return status_ == 0 ? r.remote_end : SessionRdtCode(status_);
+}
+
+int Viewer::RdtCreate(uint8_t channel, int timeout_ms) {
+  if (channel >= wire::kMaxChannels || timeout_ms < 0) return RDT_ER_INVALID_ARG;
+  uint64_t gen = 0;
+  wire::RdtOpen open{kRdtWindow, 0, 0};
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (status_ != 0) return SessionRdtCode(status_);
+    RdtEnd& r = rdt_[channel];
+    if (r.state != RdtEnd::kNone) return RDT_ER_CHANNEL_OCCUPIED;
+    r.state = RdtEnd::kConnecting;
+    gen = ++r.gen;
+    if (++next_rdt_token_ == 0) ++next_rdt_token_;
+    r.token = next_rdt_token_;
+    open.token = r.token;
+    if (r.offer.token != 0) {
+      r.peer = open.answer = r.offer.token;
+      r.window = std::min(r.offer.window, kRdtWindow);
+      r.credit = r.window;
+      r.offer = wire::RdtOpen();
+      r.state = RdtEnd::kOpen;
+    }
+  }
+  if (Send(wire::EncodeRdtOpen(channel, open)) != 0) {
+    std::lock_guard<std::mutex> lock(mu_);
+    return RdtCode(channel, gen);
+  }
+  std::unique_lock<std::mutex> lock(mu_);
+  RdtEnd& r = rdt_[channel];
+  const bool done = cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+    return r.gen != gen || r.state == RdtEnd::kOpen || RdtCode(channel, gen) != 0;
+  });
+  if (int code = RdtCode(channel, gen)) {
+    if (r.gen == gen) {
+      r = RdtEnd();
+      r.gen = gen + 1;
+    }
+    return code;
+  }
+  if (!done) {
+    r = RdtEnd();
+    r.gen = gen + 1;
+    lock.unlock();
+    Send(wire::EncodeRdtClose(channel, {wire::kRdtCloseAbort, open.token}));
+    return RDT_ER_TIMEOUT;
+  }
+  return channel;
+}
+
+int Viewer::RdtWrite(int id, const void* data, size_t len) {
+  if (id < 0 || id >= static_cast<int>(wire::kMaxChannels)) return RDT_ER_INVALID_RDT_ID;
+  if (data == nullptr || len == 0 || len > 0x7fffffff) return RDT_ER_INVALID_ARG;
+  const uint8_t* bytes = static_cast<const uint8_t*>(data);
+  std::unique_lock<std::mutex> lock(mu_);
+  RdtEnd& r = rdt_[id];
+  if (r.state != RdtEnd::kOpen) return RDT_ER_INVALID_RDT_ID;
+  const uint64_t gen = r.gen;
+  size_t done = 0;
+  while (done < len) {
+    if (int code = RdtCode(id, gen)) return code;
+    if (r.credit == 0) {
+      cv_.wait_for(lock, std::chrono::seconds(1));
+      continue;
+    }
+    const size_t n = std::min({static_cast<size_t>(r.credit), wire::kMaxRdtData, len - done});
+    r.credit -= static_cast<uint32_t>(n);
+    lock.unlock();
+    const int sent = Send(wire::EncodeRdtData(static_cast<uint8_t>(id), bytes + done, n));
+    lock.lock();
+    if (sent != 0)
+      return RdtCode(id, gen) != 0 ? RdtCode(id, gen) : RDT_ER_REMOTE_TIMEOUT_DISCONNECT;
+    done += n;
+  }
+  return static_cast<int>(len);
+}
+
+int Viewer::RdtRead(int id, void* buf, size_t size, int timeout_ms) {
+  if (id < 0 || id >= static_cast<int>(wire::kMaxChannels)) return RDT_ER_INVALID_RDT_ID;
+  if (buf == nullptr || size == 0 || timeout_ms < 0) return RDT_ER_INVALID_ARG;
+  size = std::min(size, static_cast<size_t>(0x7fffffff));
+  uint8_t* out = static_cast<uint8_t*>(buf);
+  std::unique_lock<std::mutex> lock(mu_);
+  RdtEnd& r = rdt_[id];
+  if (r.state != RdtEnd::kOpen) return RDT_ER_INVALID_RDT_ID;
+  const uint64_t gen = r.gen;
+  cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+               [&] { return r.gen != gen || r.in_bytes > 0 || RdtCode(id, gen) != 0; });
+  if (r.gen != gen) return RDT_ER_LOCAL_ABORT;
+  if (r.remote_end == RDT_ER_REMOTE_ABORT) return RDT_ER_REMOTE_ABORT;
+  if (r.in_bytes == 0) {
+    const int code = RdtCode(id, gen);
+    return code != 0 ? code : RDT_ER_TIMEOUT;
+  }
+  size_t got = 0;
+  while (got < size && !r.in.empty()) {
+    auto& front = r.in.front();
+    const size_t n = std::min(front.size() - r.in_pos, size - got);
+    std::memcpy(out + got, front.data() + r.in_pos, n);
+    got += n;
+    r.in_pos += n;
+    if (r.in_pos == front.size()) {
+      r.in.pop_front();
+      r.in_pos = 0;
+    }
+  }
+  r.in_bytes -= got;
+  r.unacked += static_cast<uint32_t>(got);
+  uint32_t credit = 0;
+  if (r.unacked >= kRdtWindow / 8 && r.remote_end == 0 && status_ == 0) {
+    credit = r.unacked;
+    r.unacked = 0;
+  }
+  lock.unlock();
+  if (credit > 0) Send(wire::EncodeRdtCredit(static_cast<uint8_t>(id), credit));
+  return static_cast<int>(got);
+}
+
+int Viewer::RdtEndSide(int id, bool abort) {
+  if (id < 0 || id >= static_cast<int>(wire::kMaxChannels)) return RDT_ER_INVALID_RDT_ID;
+  wire::RdtClose close{abort ? wire::kRdtCloseAbort : wire::kRdtCloseExit, 0};
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    RdtEnd& r = rdt_[id];
+    if (r.state == RdtEnd::kNone) return RDT_ER_INVALID_RDT_ID;
+    close.token = r.token;
+    const uint64_t gen = r.gen + 1;
+    r = RdtEnd();
+    r.gen = gen;
+    cv_.notify_all();
+    if (status_ != 0) return 0;
+  }
+  Send(wire::EncodeRdtClose(static_cast<uint8_t>(id), close));
+  return 0;
+}
+
+int Viewer::RdtDestroy(int id) {
+  return RdtEndSide(id, false);
+}
+
+int Viewer::RdtAbort(int id) {
+  return RdtEndSide(id, true);
+}
+
+int Viewer::RdtPending(int id) const {
+  if (id < 0 || id >= static_cast<int>(wire::kMaxChannels)) return RDT_ER_INVALID_RDT_ID;
+  std::lock_guard<std::mutex> lock(mu_);
+  const RdtEnd& r = rdt_[id];
+  if (r.state != RdtEnd::kOpen) return RDT_ER_INVALID_RDT_ID;
+  if (r.in_bytes > 0) return static_cast<int>(r.in_bytes);
+  return RdtCode(id, r.gen);
 }
 
 void Viewer::Reader() {

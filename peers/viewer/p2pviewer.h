@@ -6,6 +6,11 @@
 // A background thread reads the hub's messages. When the application leaves frames unread
 // (kFrameQueueFrames or kFrameQueueBytes held) that thread stops reading the socket, so the
 // hub's send queue for this viewer fills up instead of frames being dropped here.
+//
+// Reliable transfer (RDT) uses the codes and the rules of the hub's RDT calls (iotc.h): an RDT
+// channel is one IOTC channel, and its ID here is that channel's number. Received RDT data is
+// held up to the window announced to the hub (kRdtWindow) whatever the frame queues hold, and
+// writes wait for the hub's credit. One thread at a time may write on a channel.
 #pragma once
 
 #include <array>
@@ -80,6 +85,21 @@ class Viewer {
   // Stops serving the channel and tells the hub.
   int CloseTalkback(uint8_t channel);
 
+  // Opens the RDT end on an IOTC channel (0..31) and waits up to timeout_ms for the hub's end:
+  // the RDT ID (the channel), RDT_ER_TIMEOUT (the hub is told), RDT_ER_CHANNEL_OCCUPIED,
+  // RDT_ER_INVALID_ARG or the session's end code.
+  int RdtCreate(uint8_t channel, int timeout_ms);
+  // Sends len bytes, waiting for credit: len, or an RDT code as RDT_Write.
+  int RdtWrite(int id, const void* data, size_t len);
+  // Up to size bytes within timeout_ms (0: no wait): their count, RDT_ER_TIMEOUT, or the end
+  // code once everything received has been read (RDT_ER_REMOTE_ABORT at once).
+  int RdtRead(int id, void* buf, size_t size, int timeout_ms);
+  // Ends this side as RDT_Destroy / RDT_Abort do. 0 or RDT_ER_INVALID_RDT_ID.
+  int RdtDestroy(int id);
+  int RdtAbort(int id);
+  // Bytes received and not yet read, or the channel's code when it has ended.
+  int RdtPending(int id) const;
+
   // Says goodbye and closes the connection. Later calls return AV_ER_INVALID_SID.
   void Close();
   // Drops the connection without goodbye, as a viewer that vanishes would.
@@ -91,6 +111,23 @@ class Viewer {
 
  private:
   enum class Talk { kNone, kWaiting, kJoined };
+  struct RdtEnd {
+    enum State { kNone, kConnecting, kOpen };
+    State state = kNone;
+    uint64_t gen = 0;       // changes whenever this side opens or ends the channel
+    wire::RdtOpen offer{};  // the hub's open while this side has none (token 0: none)
+    uint32_t token = 0;     // this end
+    uint32_t peer = 0;      // the hub's end it is paired with
+    uint32_t window = 0;    // the hub's window
+    uint32_t credit = 0;
+    std::deque<std::vector<uint8_t>> in;
+    size_t in_bytes = 0, in_pos = 0;
+    uint32_t unacked = 0;
+    int remote_end = 0;
+  };
+  bool HandleRdt(const wire::Message& m);   // false: the hub broke the RDT rules
+  int RdtCode(int id, uint64_t gen) const;  // expects mu_; 0 or the end code
+  int RdtEndSide(int id, bool abort);
   int Send(const std::vector<uint8_t>& bytes);
   void Reader();
   bool Handle(const wire::Message& m);  // false: the session ended
@@ -114,6 +151,8 @@ class Viewer {
   std::deque<ViewerIoCtrl> ioctrl_;
   std::deque<ViewerFrame> frames_;
   size_t frame_bytes_ = 0;
+  std::array<RdtEnd, wire::kMaxChannels> rdt_{};
+  uint32_t next_rdt_token_ = 0;
 
   std::mutex write_mu_;
   std::chrono::steady_clock::time_point last_tx_;  // guarded by write_mu_

@@ -16,8 +16,8 @@
 #include <functional>
 #include <string>
 
-#include "viewer/credentials.h"
 #include "crypto/viewerlogin.h"
+#include "viewer/credentials.h"
 #include "viewer/p2pviewer.h"
 
 namespace viewer {
@@ -82,6 +82,8 @@ class Session {
   void Abort();
 
   int sid() const { return viewer_.sid(); }
+  // The transport underneath, for its reliable transfer (RDT) calls.
+  p2p::Viewer& transport() { return viewer_; }
   // 0 while open, else the AV code of the session's end.
   int status() const { return viewer_.status(); }
   // The stream key the hub encrypts this viewer's media with; valid after a successful Login.

@@ -43,6 +43,8 @@ void MarkGone(Session& s, bool bye) {
   s.control.clear();
   s.media.clear();
   s.control_bytes = s.media_bytes = 0;
+  s.rdt.clear();
+  s.rdt_queued.fill(0);
 }
 
 std::string Peer(const Conn& c) {
@@ -368,6 +370,12 @@ bool HubTransport::Deliver(Conn& c, const std::vector<wire::Message>& msgs) {
         }
         break;
       }
+      case MsgType::kRdtOpen:
+      case MsgType::kRdtData:
+      case MsgType::kRdtCredit:
+      case MsgType::kRdtClose:
+        DeliverRdt(s, m, &violation);
+        break;
       default:
         violation = "unexpected message type " + std::to_string(m.type);
         break;
@@ -467,6 +475,7 @@ bool HubTransport::WriteConn(Conn& c, Clock::time_point now) {
             ++s.tx;
             if (c.out.size() >= kWriteBatch) break;
           }
+          TakeRdt(s, &c.out, kWriteBatch);
         }
       }
       if (c.out.empty()) {
@@ -557,7 +566,7 @@ void HubTransport::Run() {
         if (!pending && c->phase == Conn::kSession) {
           const Session& s = sessions_[c->sid];
           pending = s.gen == c->session_gen && s.state == Session::kOpen &&
-                    (!s.control.empty() || !s.media.empty());
+                    (!s.control.empty() || !s.media.empty() || !s.rdt.empty());
         }
         if (pending || (c->phase == Conn::kLinger && !c->shut)) events |= POLLOUT;
         fds.push_back(pollfd{c->fd, events, 0});

@@ -1,5 +1,6 @@
-// The hub side of the open P2P transport: the session and AV channel tables behind iotc.h and
-// the network thread that moves their bytes. Only iotc.cpp and hubio.cpp include this.
+// The hub side of the open P2P transport: the session, AV channel and RDT channel tables behind
+// iotc.h and the network thread that moves their bytes. Only iotc.cpp, rdt.cpp and hubio.cpp
+// include this.
 //
 // One mutex guards every table. API calls queue outgoing messages and wait on received ones;
 // the network thread alone owns the sockets, reads, parses and delivers, and writes what the
@@ -25,7 +26,7 @@ namespace p2p {
 
 using Clock = std::chrono::steady_clock;
 
-enum class OutKind : uint8_t { kControl, kVideo, kAudio };
+enum class OutKind : uint8_t { kControl, kVideo, kAudio, kRdt };
 
 struct OutMsg {
   std::vector<uint8_t> bytes;
@@ -48,6 +49,13 @@ struct Session {
   std::array<PendingLogin, wire::kMaxChannels> logins;  // viewer AV logins not yet served
   std::array<int, wire::kMaxChannels> bound;            // AV channel index per IOTC channel
   std::array<bool, wire::kMaxChannels> serving;         // avServStart3 waiting on the channel
+  // Reliable transfer: its own part of the send queue (chunks and the closes that follow them),
+  // bounded by the viewer's window per channel.
+  std::deque<OutMsg> rdt;
+  std::array<int, wire::kMaxChannels> rdt_bound;  // RDT ID per IOTC channel, -1: none
+  std::array<wire::RdtOpen, wire::kMaxChannels>
+      rdt_offer;  // a viewer's open not yet met (token 0: none)
+  std::array<uint32_t, wire::kMaxChannels> rdt_queued;  // data bytes per channel in rdt
   std::string uid, ip;
   uint16_t port = 0;
   uint32_t viewer_version = 0;
@@ -70,6 +78,25 @@ struct AvChannel {
   int32_t answer = 0;
   uint32_t service_type = 0;
   uint32_t video_no = 0, audio_no = 0;
+};
+
+// One end of an RDT channel on the hub.
+struct RdtChannel {
+  enum State { kFree, kConnecting, kOpen };
+  State state = kFree;
+  int sid = -1;
+  uint64_t session_gen = 0;
+  uint8_t channel = 0;
+  uint64_t gen = 0;                     // changes whenever the slot is taken or freed
+  uint32_t token = 0;                   // this end, as named in its messages
+  uint32_t peer = 0;                    // the viewer's end it is paired with
+  uint32_t window = 0;                  // the viewer's window
+  uint32_t credit = 0;                  // bytes that may still be sent
+  std::deque<std::vector<uint8_t>> in;  // received chunks not yet read
+  size_t in_bytes = 0;
+  size_t in_pos = 0;     // bytes of in.front() already read
+  uint32_t unacked = 0;  // bytes read and not yet credited back
+  int remote_end = 0;    // 0, RDT_ER_REMOTE_EXIT or RDT_ER_REMOTE_ABORT
 };
 
 // A socket of the network thread: waiting for its session request, carrying a session, or
@@ -117,6 +144,15 @@ class HubTransport {
   int ResetBuffer(int idx, AV_RESET_TARGET target);
   void CleanAudio(int idx);
 
+  // Reliable transfer (rdt.cpp).
+  int RdtInitialize();
+  int RdtDeInitialize();
+  int RdtCreate(int sid, int timeout_ms, int ch);
+  int RdtWrite(int id, const char* data, int size);
+  int RdtRead(int id, char* buf, int size, int timeout_ms);
+  int RdtEnd(int id, bool abort);
+  int RdtStatus(int id, st_RDT_Status* status);
+
  private:
   HubTransport();
 
@@ -132,6 +168,14 @@ class HubTransport {
   void DropMedia(Session& s, uint8_t channel, bool video, bool audio);
   void ResetSession(Session& s);
   void Wake();
+  // RDT, with mu_ held (rdt.cpp).
+  int RdtState(int id, uint64_t gen) const;  // 0 or the channel's end code for a send
+  void FreeRdt(int id);
+  // A viewer's RDT message on the session; false with *violation set when it breaks the rules.
+  bool DeliverRdt(Session& s, const wire::Message& m, std::string* violation);
+  // Moves RDT chunks into a write batch: one always, more while no media or control waits and
+  // the batch has room.
+  void TakeRdt(Session& s, std::vector<uint8_t>* out, size_t batch);
 
   // Network thread (hubio.cpp).
   void Run();
@@ -168,6 +212,11 @@ class HubTransport {
   int av_capacity_ = 0;
   int av_next_ = 0;
   std::array<AvChannel, kAvCapacity> av_;
+
+  // RDT state.
+  bool rdt_initialized_ = false;
+  std::array<RdtChannel, kRdtCapacity> rdt_;
+  uint32_t next_rdt_token_ = 0;
 
   // Network thread and what only it touches.
   std::thread thread_;

@@ -68,6 +68,10 @@ void HubTransport::ResetSession(Session& s) {
   for (auto& l : s.logins) l = Session::PendingLogin();
   s.bound.fill(-1);
   s.serving.fill(false);
+  s.rdt.clear();
+  s.rdt_bound.fill(-1);
+  s.rdt_offer.fill(wire::RdtOpen());
+  s.rdt_queued.fill(0);
   s.uid.clear();
   s.ip.clear();
   s.port = 0;
@@ -683,14 +687,6 @@ int avRecvAudioData(int nAVChannelID, char* abAudioData, int nAudioDataMaxSize, 
 
 void avClientStop(int nAVChannelID) {
   HubTransport::Get().StopChannel(nAVChannelID);
-}
-
-int RDT_Initialize(void) {
-  return 1;
-}
-
-int RDT_DeInitialize(void) {
-  return 0;
 }
 
 }  // extern "C"

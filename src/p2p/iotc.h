@@ -170,12 +170,55 @@ int avRecvAudioData(int nAVChannelID, char* abAudioData, int nAudioDataMaxSize, 
 // Leaves a channel joined with avClientStart2 and tells the viewer.
 void avClientStop(int nAVChannelID);
 
-// ---- RDT ------------------------------------------------------------------------------------
+// ---- RDT: reliable byte streams over a session --------------------------------------------
 
-// The open transport carries no RDT channels; these keep the start and stop order of the
-// hub. RDT_Initialize returns 1 (the number of RDT layers), RDT_DeInitialize 0.
+#define RDT_ER_NoERROR 0
+#define RDT_ER_NOT_INITIALIZED -10000          // RDT_Initialize has not run
+#define RDT_ER_EXCEED_MAX_CHANNEL -10001       // every RDT ID is in use
+#define RDT_ER_INVALID_RDT_ID -10008           // no such RDT channel (destroyed, or never made)
+#define RDT_ER_TIMEOUT -10009                  // nothing happened within the time-out
+#define RDT_ER_REMOTE_EXIT -10010              // the peer destroyed its end (reads: after the data)
+#define RDT_ER_REMOTE_ABORT -10011             // the peer aborted its end; unread data dropped
+#define RDT_ER_LOCAL_ABORT -10012              // this side ended the channel during the call
+#define RDT_ER_CHANNEL_OCCUPIED -10013         // the IOTC channel already carries RDT
+#define RDT_ER_INVALID_ARG -10015              // a null pointer or a value out of range
+#define RDT_ER_SESSION_CLOSED -10016           // this side closed the session
+#define RDT_ER_SESSION_CLOSE_BY_REMOTE -10017  // the viewer ended the session
+#define RDT_ER_REMOTE_TIMEOUT_DISCONNECT -10018  // the viewer went silent or its link broke
+
+// What RDT_Status_Check tells about a channel.
+struct st_RDT_Status {
+  unsigned short Timeout;           // 0: the link never retransmits
+  unsigned short TimeoutThreshold;  // 0
+  unsigned int BufSizeInSendQueue;  // bytes written and not yet on the wire
+  unsigned int BufSizeInRecvQueue;  // bytes received and not yet read
+};
+
+// Room for RDT channels; returns the number of RDT layers (1). RDT_DeInitialize ends every
+// channel (waiting calls return RDT_ER_LOCAL_ABORT) and returns 0.
 int RDT_Initialize(void);
 int RDT_DeInitialize(void);
+// Opens the RDT channel on IOTC channel nIOTCChannelID (0..31) of the session and waits up to
+// nTimeout_ms (0: no limit) for the viewer to open its end there. The RDT ID (>= 0), or
+// RDT_ER_TIMEOUT (the viewer is told), RDT_ER_CHANNEL_OCCUPIED, RDT_ER_EXCEED_MAX_CHANNEL,
+// RDT_ER_INVALID_ARG, RDT_ER_NOT_INITIALIZED or the session's end code.
+int RDT_Create(int nIOTCSessionID, int nTimeout_ms, int nIOTCChannelID);
+// Sends size bytes (> 0). Waits, on the calling thread, while the viewer's window is full.
+// size when all of it is queued, else RDT_ER_REMOTE_EXIT, RDT_ER_REMOTE_ABORT,
+// RDT_ER_LOCAL_ABORT, RDT_ER_INVALID_RDT_ID, RDT_ER_INVALID_ARG or the session's end code.
+int RDT_Write(int nRDTChannelID, const char* cabData, int nDataSize);
+// Waits up to nTimeout_ms (0: does not wait) for data and copies up to size bytes: their count,
+// RDT_ER_TIMEOUT, or once everything received has been read the end code (RDT_ER_REMOTE_EXIT,
+// session codes); RDT_ER_REMOTE_ABORT at once.
+int RDT_Read(int nRDTChannelID, char* abBuf, int nBufSize, int nTimeout_ms);
+// Ends this side of the channel and frees the ID. Destroy: what was written still reaches the
+// viewer, then it reads RDT_ER_REMOTE_EXIT. Abort: queued data is dropped, the viewer gets
+// RDT_ER_REMOTE_ABORT at once. 0 or RDT_ER_INVALID_RDT_ID.
+int RDT_Destroy(int nRDTChannelID);
+int RDT_Abort(int nRDTChannelID);
+// Fills psRDT_Status. 0, the channel's end code (record still filled), RDT_ER_INVALID_RDT_ID or
+// RDT_ER_INVALID_ARG.
+int RDT_Status_Check(int nRDTChannelID, struct st_RDT_Status* psRDT_Status);
 
 #ifdef __cplusplus
 }

@@ -36,6 +36,15 @@ constexpr size_t kAudioQueueBytes = 512 * 1024;
 // Connections that have not yet named uid and password; more are closed at once.
 constexpr size_t kMaxPendingConnections = 8;
 
+// Reliable transfer (RDT). Each end of an RDT channel announces a receive window; the other end
+// sends at most that many bytes beyond what has been read, in chunks of at most
+// wire::kMaxRdtData bytes. So a channel holds at most kRdtWindow bytes in the hub's send queue
+// and kRdtWindow bytes in its receive buffer, whatever the peer does. RDT chunks have their own
+// part of the send queue and never delay a media frame by more than one chunk.
+constexpr uint32_t kRdtWindow = 256 * 1024;
+// RDT channels the hub can hold at once (RDT IDs 0..kRdtCapacity-1).
+constexpr int kRdtCapacity = 16;
+
 // Link timing in milliseconds. Both sides send a ping when they have sent nothing for ping_ms;
 // a side that has received nothing for idle_ms considers the link lost. A new connection must
 // ask for a session within hello_ms. A closed session's last messages get linger_ms to leave.

@@ -113,6 +113,14 @@ size_t MaxPayload(Reader reader, uint8_t type) {
       return hub ? 0 : kFrameFixed + kMaxFrameInfo + kMaxVideoData;
     case MsgType::kAudio:
       return kFrameFixed + kMaxFrameInfo + kMaxAudioData;
+    case MsgType::kRdtOpen:
+      return 12;
+    case MsgType::kRdtCredit:
+      return 4;
+    case MsgType::kRdtClose:
+      return 8;
+    case MsgType::kRdtData:
+      return kMaxRdtData;
   }
   return 0;
 }
@@ -236,6 +244,23 @@ bool ParseFrame(const std::vector<uint8_t>& p, size_t max_data, Frame* out) {
   return c.Bytes(c.left(), max_data, &out->data);
 }
 
+bool ParseRdtOpen(const std::vector<uint8_t>& p, RdtOpen* out) {
+  Cursor c(p);
+  return c.U32(&out->window) && c.U32(&out->token) && c.U32(&out->answer) && c.left() == 0 &&
+         out->window > 0 && out->token != 0;
+}
+
+bool ParseRdtCredit(const std::vector<uint8_t>& p, uint32_t* bytes) {
+  Cursor c(p);
+  return c.U32(bytes) && c.left() == 0 && *bytes > 0;
+}
+
+bool ParseRdtClose(const std::vector<uint8_t>& p, RdtClose* out) {
+  Cursor c(p);
+  return c.U32(&out->reason) && c.U32(&out->token) && c.left() == 0 &&
+         (out->reason == kRdtCloseExit || out->reason == kRdtCloseAbort) && out->token != 0;
+}
+
 std::vector<uint8_t> EncodeEmpty(MsgType type, uint8_t channel) {
   return Start(type, channel, 0);
 }
@@ -293,6 +318,33 @@ std::vector<uint8_t> EncodeFrame(MsgType type, uint8_t channel, uint32_t number,
   PutU32(&out, number);
   out.push_back(static_cast<uint8_t>(info_len));
   PutBytes(&out, info, info_len);
+  PutBytes(&out, data, len);
+  return out;
+}
+
+std::vector<uint8_t> EncodeRdtOpen(uint8_t channel, const RdtOpen& o) {
+  auto out = Start(MsgType::kRdtOpen, channel, 12);
+  PutU32(&out, o.window);
+  PutU32(&out, o.token);
+  PutU32(&out, o.answer);
+  return out;
+}
+
+std::vector<uint8_t> EncodeRdtCredit(uint8_t channel, uint32_t bytes) {
+  auto out = Start(MsgType::kRdtCredit, channel, 4);
+  PutU32(&out, bytes);
+  return out;
+}
+
+std::vector<uint8_t> EncodeRdtClose(uint8_t channel, const RdtClose& c) {
+  auto out = Start(MsgType::kRdtClose, channel, 8);
+  PutU32(&out, c.reason);
+  PutU32(&out, c.token);
+  return out;
+}
+
+std::vector<uint8_t> EncodeRdtData(uint8_t channel, const void* data, size_t len) {
+  auto out = Start(MsgType::kRdtData, channel, len);
   PutBytes(&out, data, len);
   return out;
 }

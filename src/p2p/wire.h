@@ -31,6 +31,7 @@ constexpr size_t kMaxIoCtrl = 1024;        // I/O-control payload
 constexpr size_t kMaxFrameInfo = 64;       // frame information blob of a frame
 constexpr size_t kMaxVideoData = 1114112;  // 1 MiB + 64 KiB, one video frame
 constexpr size_t kMaxAudioData = 65536;    // one audio frame
+constexpr size_t kMaxRdtData = 16384;      // one chunk of reliable-transfer data
 
 enum class MsgType : uint8_t {
   kHello = 0x01,              // viewer -> hub: open a session
@@ -45,7 +46,15 @@ enum class MsgType : uint8_t {
   kIoCtrl = 0x20,             // both: one I/O-control message
   kVideo = 0x21,              // hub -> viewer: one video frame
   kAudio = 0x22,              // both: one audio frame
+  kRdtOpen = 0x30,            // both: the sender created its end of an RDT channel
+  kRdtData = 0x31,            // both: one chunk of RDT data
+  kRdtCredit = 0x32,          // both: the sender has read this many more bytes
+  kRdtClose = 0x33,           // both: the sender destroyed or aborted its end
 };
+
+// Reason of kRdtClose.
+constexpr uint32_t kRdtCloseExit = 0;   // RDT_Destroy: everything sent before it is delivered
+constexpr uint32_t kRdtCloseAbort = 1;  // RDT_Abort, or a create that timed out
 
 // Who reads the stream: the hub reads what viewers send and the other way round. The set of
 // acceptable types and their limits depends on it.
@@ -118,6 +127,21 @@ bool ParseLogin(const std::vector<uint8_t>& p, Login* out);
 bool ParseLoginResult(const std::vector<uint8_t>& p, LoginResult* out);
 bool ParseIoCtrl(const std::vector<uint8_t>& p, IoCtrl* out);
 bool ParseFrame(const std::vector<uint8_t>& p, size_t max_data, Frame* out);
+// RDT payloads. An end is named by the token its side gave it (never 0), so that messages of an
+// end that has gone (a create that timed out) are never taken for those of the next one.
+struct RdtOpen {
+  uint32_t window = 0;  // bytes the sender can hold unread, > 0
+  uint32_t token = 0;   // the sender's end
+  uint32_t answer = 0;  // the receiver's end this open meets, or 0 when it knows none yet
+};
+struct RdtClose {
+  uint32_t reason = kRdtCloseExit;
+  uint32_t token = 0;  // the sender's end
+};
+bool ParseRdtOpen(const std::vector<uint8_t>& p, RdtOpen* out);
+// kRdtCredit: the bytes read, > 0.
+bool ParseRdtCredit(const std::vector<uint8_t>& p, uint32_t* bytes);
+bool ParseRdtClose(const std::vector<uint8_t>& p, RdtClose* out);
 
 // Encoders return the whole message, header included. Arguments must respect the limits; the
 // callers check them first.
@@ -130,6 +154,11 @@ std::vector<uint8_t> EncodeLoginResult(MsgType type, uint8_t channel, const Logi
 std::vector<uint8_t> EncodeIoCtrl(uint8_t channel, uint32_t type, const void* data, size_t len);
 std::vector<uint8_t> EncodeFrame(MsgType type, uint8_t channel, uint32_t number, const void* info,
                                  size_t info_len, const void* data, size_t len);
+std::vector<uint8_t> EncodeRdtOpen(uint8_t channel, const RdtOpen& o);
+std::vector<uint8_t> EncodeRdtCredit(uint8_t channel, uint32_t bytes);
+std::vector<uint8_t> EncodeRdtClose(uint8_t channel, const RdtClose& c);
+// kRdtData with 1..kMaxRdtData bytes.
+std::vector<uint8_t> EncodeRdtData(uint8_t channel, const void* data, size_t len);
 
 }  // namespace wire
 }  // namespace p2p

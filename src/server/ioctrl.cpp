@@ -13,6 +13,7 @@
 #include "camera/livechannel.h"
 #include "core/utils.h"
 #include "core/zelojson.h"
+#include "media/filetransfer.h"
 #include "media/orump4playlist.h"
 #include "media/playback.h"
 #include "p2p/client.h"
@@ -89,6 +90,10 @@ void MediaServer::Handle_IOCTRL_Cmd(int sid, int avIndex, char* payload, int typ
     case IOTYPE_USER_IPCAM_RECORD_SEEKTIME:
       TLOG(LOG_DEBUG) << "This is IOTYPE_USER_IPCAM_RECORD_SEEKTIME";
       HandlePlayback(sid, avIndex, payload);
+      break;
+    case IOTYPE_USER_IPCAM_RECORD_DOWNLOAD:
+      TLOG(LOG_DEBUG) << "This is IOTYPE_USER_IPCAM_RECORD_DOWNLOAD";
+      filetransfer_request(sid, avIndex, payload);
       break;
     default:
       break;

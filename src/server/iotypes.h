@@ -16,6 +16,9 @@ constexpr uint32_t IOTYPE_USER_IPCAM_SETSTREAMCTRL_REQ = 0x320;
 constexpr uint32_t IOTYPE_USER_IPCAM_SPEAKERSTART = 0x350;
 constexpr uint32_t IOTYPE_USER_IPCAM_SPEAKERSTOP = 0x351;
 constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_SEEKTIME = 0xF001;
+// Download of a stored clip or snapshot over RDT, and the hub's answer (docs/playback.md).
+constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_DOWNLOAD = 0xF010;
+constexpr uint32_t IOTYPE_USER_IPCAM_RECORD_DOWNLOAD_RESP = 0xF011;
 
 // Quality of a live start that names none.
 constexpr int kDefaultVideoQuality = 2;

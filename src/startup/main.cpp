@@ -16,6 +16,7 @@
 #include "crypto/hubauth.h"
 #include "housekeeping/systemctrl.h"
 #include "led/hubled.h"
+#include "media/filetransfer.h"
 #include "media/mp4mux.h"
 #include "media/orump4playlist.h"
 #include "media/playback.h"
@@ -23,6 +24,7 @@
 #include "server/mediaserver.h"
 #include "storage/pirevent.h"
 #include "storage/pirupload.h"
+#include "storage/recordindex.h"
 #include "storage/recordsweep.h"
 #include "storage/sdcard.h"
 
@@ -141,6 +143,7 @@ int RunHub(int argc, char** argv) {
   InitMqtt();           // 16.
   playlist_mgr_init();  // 17.
   playback_mgr_init();
+  filetransfer_set_locator(&IsFileExist);
   InitSyncAndReset();  // 18.
   InitSystemCtrl();    // 19.
   SetAlarmReportPublisher(MqttReport);

@@ -205,3 +205,57 @@ TEST(P2pWire, PayloadsWithInconsistentLengthsAreRefused) {
   IoCtrl io;
   EXPECT_FALSE(ParseIoCtrl({1, 2, 3}, &io));
 }
+
+namespace {
+
+TEST(P2pWire, RdtMessagesRoundTripAndOddSizesOrZeroValuesAreRefused) {
+  auto payload = [](const std::vector<uint8_t>& m) {
+    return std::vector<uint8_t>(m.begin() + kHeaderSize, m.end());
+  };
+  RdtOpen open_back;
+  ASSERT_TRUE(ParseRdtOpen(payload(EncodeRdtOpen(4, {262144, 7, 3})), &open_back));
+  EXPECT_EQ(262144u, open_back.window);
+  EXPECT_EQ(7u, open_back.token);
+  EXPECT_EQ(3u, open_back.answer);
+  RdtClose close;
+  ASSERT_TRUE(ParseRdtClose(payload(EncodeRdtClose(4, {kRdtCloseAbort, 9})), &close));
+  EXPECT_EQ(kRdtCloseAbort, close.reason);
+  EXPECT_EQ(9u, close.token);
+  uint32_t credit = 0;
+  ASSERT_TRUE(ParseRdtCredit(payload(EncodeRdtCredit(4, 32768)), &credit));
+  EXPECT_EQ(32768u, credit);
+
+  // A zero window, token or credit, an unknown reason, a byte short or over: refused.
+  EXPECT_FALSE(ParseRdtOpen(payload(EncodeRdtOpen(4, {0, 7, 0})), &open_back));
+  EXPECT_FALSE(ParseRdtOpen(payload(EncodeRdtOpen(4, {1, 0, 0})), &open_back));
+  EXPECT_FALSE(ParseRdtClose(payload(EncodeRdtClose(4, {2, 9})), &close));
+  EXPECT_FALSE(ParseRdtClose(payload(EncodeRdtClose(4, {kRdtCloseExit, 0})), &close));
+  EXPECT_FALSE(ParseRdtCredit(payload(EncodeRdtCredit(4, 0)), &credit));
+  auto longer = payload(EncodeRdtCredit(4, 1));
+  longer.push_back(0);
+  EXPECT_FALSE(ParseRdtCredit(longer, &credit));
+  longer.resize(3);
+  EXPECT_FALSE(ParseRdtCredit(longer, &credit));
+
+  // Data: up to one chunk, both ways; a header announcing more fails before any payload.
+  for (Reader reader : {Reader::kHub, Reader::kViewer}) {
+    const std::vector<uint8_t> chunk(kMaxRdtData, 0xab);
+    Decoder d(reader);
+    const auto bytes = EncodeRdtData(31, chunk.data(), chunk.size());
+    const auto msgs = DecodeAll(d, bytes, false);
+    ASSERT_EQ(1u, msgs.size());
+    EXPECT_EQ(31, msgs[0].channel);
+    EXPECT_EQ(chunk, msgs[0].payload);
+    Decoder over(reader);
+    const auto header = Header(static_cast<uint8_t>(MsgType::kRdtData), 1, kMaxRdtData + 1);
+    over.Feed(header.data(), header.size());
+    Message m;
+    EXPECT_EQ(Decoder::kError, over.Next(&m));
+    Decoder open_over(reader);
+    const auto big_open = Header(static_cast<uint8_t>(MsgType::kRdtOpen), 1, 13);
+    open_over.Feed(big_open.data(), big_open.size());
+    EXPECT_EQ(Decoder::kError, open_over.Next(&m));
+  }
+}
+
+}  // namespace
