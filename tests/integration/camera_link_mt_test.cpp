@@ -512,6 +512,19 @@ TEST(CameraLink, PairingRecordsTheCameraAndGivesItAChannel) {
   ASSERT_TRUE(ConnectAndLogin(cam, kCamN, 0x200));
 }
 
+TEST(CameraLink, PairingModeTurnedOffEndsThePairingThreadWithoutACamera) {
+  // The cloud turns pairing mode off while no camera came: the thread, waiting in accept with
+  // its time-out, sees the end and leaves, so pairing can start again.
+  ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
+  const size_t mark = g_world->log.Mark();
+  ASSERT_EQ(StartAuthServer(g_world->server), 0);
+  ASSERT_TRUE(g_world->log.Wait(": accept_count = 0$", mark));  // waiting for a camera
+  StopTcpServer();
+  EXPECT_FALSE(IsTcpServerStart());
+  EXPECT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
+  EXPECT_EQ(Operstate("ra1"), "down\n");
+}
+
 TEST(CameraLink, RePairingReplacesTheChannel) {
   Cam cam(kCamB, "127.0.0.3");
   ASSERT_TRUE(ConnectAndLogin(cam, kCamB, 0x140));

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <cstring>
 
 #include <string>
@@ -75,7 +77,11 @@ TEST_F(NvramTest, SetIsSeenAtOnceAndKeptOnlyAfterCommit) {
   Reload();
   EXPECT_EQ(Get("p2p", "did"), "<absent>");
 
+  // The lock that orders the shim's and the daemon's updates is there from the first update on,
+  // its folder made for it on a board that has none yet.
+  std::filesystem::remove_all(dir_.path() + "/etc/nvram");
   ASSERT_EQ(nvram_set("p2p", "uid", "NEWUID"), 0);
+  EXPECT_TRUE(testsupport::FileExists(dir_.path() + "/etc/nvram/.lock"));
   ASSERT_EQ(nvram_set("p2p", "legalstatus", "1"), 0);
   EXPECT_EQ(Get("p2p", "uid"), "TARVOHUB000000000001");  // the view changes only on parse
   Reload();
