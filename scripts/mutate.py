@@ -348,7 +348,7 @@ def tracked_files():
 
 def sync_tree(tree):
     """Makes the copy equal to the working tree (mutated or stale files included); files whose
-    content is unchanged keep their time stamps, so the build stays incremental."""
+    content is unchanged are not touched, so the build stays incremental."""
     copied = 0
     for rel in tracked_files():
         src = os.path.join(TOP, rel)
@@ -362,7 +362,10 @@ def sync_tree(tree):
                 if f.read() == data:
                     continue
         os.makedirs(os.path.dirname(dst), exist_ok=True)
-        shutil.copy2(src, dst)
+        # A fresh time stamp, not the original's: a file edited before the copy's last build
+        # would otherwise look older than its object and not be compiled again.
+        shutil.copyfile(src, dst)
+        shutil.copymode(src, dst)
         copied += 1
     return copied
 
@@ -596,7 +599,7 @@ def main():
             last = json.load(f)
         previous = last["modules"]
         command = last["command"] + "; then scripts/mutate.py --again"
-        modules = [m for m in previous if m in MODULES]
+        modules = [m for m in previous if m in MODULES and (not args.module or m in args.module)]
     else:
         modules = args.module or [m for m in MODULES if m not in OPTIONAL]
     for name in modules:
