@@ -171,24 +171,7 @@ int Channel::TranVideoFrame(const video::H264Frame& frame, client::Client* clien
     return 0;
   }
 
-  const char* data = reinterpret_cast<const char*>(frame.data());
-  unsigned int length = frame.length();
-  StreamKey key;
-  unsigned int out_len = 0;
-  if (client_encrypt_info.Get(client->slot(), key.bytes) == 0 &&
-      video_chacha20_encrypt(frame.data(), frame.length(), key.bytes, &out_len,
-                             &encrypto_video.nalu, encrypto_video.data,
-                             encrypto_video.capacity) == 0) {
-    data = reinterpret_cast<const char*>(encrypto_video.data);
-    length = out_len;
-    frameinfo::SetEncrypted(info, true);
-  } else {
-    TLOG(LOG_DEBUG) << "ERROR:video chacha20 encrypto fail!, send raw video data";
-    frameinfo::SetEncrypted(info, false);
-  }
-
-  const int ret =
-      avSendFrameData(av, data, static_cast<int>(length), info, static_cast<int>(sizeof(*info)));
+  const int ret = SendVideoLocked(frame.data(), frame.length(), *client, av, info);
   if (ret == kAvExceedMaxSize) {
     // The viewer's queue is full: drop its queued video instead of waiting for it.
     avServResetBuffer(av, RESET_VIDEO, kResetWaitMs);
@@ -243,25 +226,53 @@ int Channel::TranAudioData(const _net_cmd_type* frame) {
     if (av < 0) continue;
 
     frameinfo::SetAudioFrameInfo(&info, packet.time_ms);
-    const char* data = reinterpret_cast<const char*>(packet.data);
-    int length = packet.length;
-    StreamKey key;
-    if (client_encrypt_info.Get(client->slot(), key.bytes) == 0 &&
-        audio_chacha20_encrypt(reinterpret_cast<const char*>(packet.data), packet.length, key.bytes,
-                               encrypto_audio.data, encrypto_audio.capacity) != nullptr) {
-      data = reinterpret_cast<const char*>(encrypto_audio.data);
-      length = packet.length + static_cast<int>(kChachaNonceBytes);
-      frameinfo::SetEncrypted(&info, true);
-    } else {
-      TLOG(LOG_DEBUG) << "audio chacha20 encrypto fail!, send raw data!";
-    }
-    const int ret = avSendAudioData(av, data, length, &info, static_cast<int>(sizeof(info)));
+    const int ret = SendAudioLocked(packet.data, packet.length, *client, av, &info);
     send.unlock();
     // A full queue loses this packet only; unlike video, nothing is reset.
     if (ret >= 0 || ret == kAvExceedMaxSize) continue;
     if (!DropGoneClient(ret, client)) TLOG(LOG_DEBUG) << "Send audio frame error: " << ret;
   }
   return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The per-viewer send, shared by live view and playback
+
+int SendVideoLocked(const uint8_t* frame, uint32_t len, const client::Client& client, int av,
+                    _FRAMEINFO* info) {
+  const char* data = reinterpret_cast<const char*>(frame);
+  unsigned int length = len;
+  StreamKey key;
+  unsigned int out_len = 0;
+  if (client_encrypt_info.Get(client.slot(), key.bytes) == 0 &&
+      video_chacha20_encrypt(frame, len, key.bytes, &out_len, &encrypto_video.nalu,
+                             encrypto_video.data, encrypto_video.capacity) == 0) {
+    data = reinterpret_cast<const char*>(encrypto_video.data);
+    length = out_len;
+    frameinfo::SetEncrypted(info, true);
+  } else {
+    TLOG(LOG_DEBUG) << "ERROR:video chacha20 encrypto fail!, send raw video data";
+    frameinfo::SetEncrypted(info, false);
+  }
+  return avSendFrameData(av, data, static_cast<int>(length), info, static_cast<int>(sizeof(*info)));
+}
+
+int SendAudioLocked(const uint8_t* samples, int len, const client::Client& client, int av,
+                    _FRAMEINFO* info) {
+  const char* data = reinterpret_cast<const char*>(samples);
+  int length = len;
+  StreamKey key;
+  if (client_encrypt_info.Get(client.slot(), key.bytes) == 0 &&
+      audio_chacha20_encrypt(reinterpret_cast<const char*>(samples), len, key.bytes,
+                             encrypto_audio.data, encrypto_audio.capacity) != nullptr) {
+    data = reinterpret_cast<const char*>(encrypto_audio.data);
+    length = len + static_cast<int>(kChachaNonceBytes);
+    frameinfo::SetEncrypted(info, true);
+  } else {
+    TLOG(LOG_DEBUG) << "audio chacha20 encrypto fail!, send raw data!";
+    frameinfo::SetEncrypted(info, false);
+  }
+  return avSendAudioData(av, data, length, info, static_cast<int>(sizeof(*info)));
 }
 
 }  // namespace channel
