@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -15,6 +16,7 @@
 #include "viewer/viewerdownload.h"
 #include "viewer/viewerframe.h"
 #include "viewer/viewerlive.h"
+#include "viewer/viewerplay.h"
 #include "viewer/viewersession.h"
 #include "viewer/viewertalk.h"
 
@@ -66,6 +68,14 @@ const char kUsage[] =
     "                       seconds, milliseconds\n"
     "  --no-stop            end without the live stop request\n"
     "\n"
+    "Stored events (frames are decrypted with the session's stream key):\n"
+    "  --events MAC         list the events camera MAC (or \"all\": every camera) has on the\n"
+    "                       card: one line \"event MAC START LENGTH\" each, then \"events N\"\n"
+    "  --play MAC START     play the event of camera MAC that started at START (epoch seconds);\n"
+    "                       --h264, --mp4, --alaw and --frame-log write what comes, as live view\n"
+    "                       does; ends when the hub signals the end of the clip\n"
+    "  --seek S             start the play at the key frame at or before S seconds (default 0)\n"
+    "\n"
     "Talkback (with --live):\n"
     "  --talk FILE          send raw 8 kHz A-law from FILE to the camera's speaker, paced as it\n"
     "                       plays; the hub leaves out every tenth frame (numbers 0, 10, 20, ...).\n"
@@ -91,7 +101,9 @@ const char kUsage[] =
     "index), \"audio frames N bytes B gaps G missing M\" (gaps in the transport's numbers), then\n"
     "\"h264 FILE\", \"mp4 FILE frames N\", \"alaw FILE\" for the files written and \"talk frames "
     "N\n"
-    "bytes B\"; then \"closed\" or \"aborted\". A refusal or a lost session prints \"refused\n"
+    "bytes B\"; with --play \"play MAC START from S\", \"play state STATE frames N\" (STATE:\n"
+    "end, stopped, replaced, error, deleted, refused) and the statistics; then \"closed\" or "
+    "\"aborted\". A refusal or a lost session prints \"refused\n"
     "STEP CODE_NAME (CODE)\" or \"lost CODE_NAME (CODE)\" on standard error. The device token\n"
     "and the keys are never printed.\n"
     "Exit status: 0 when the session was opened, logged in, held and ended as asked; 1 when the\n"
@@ -133,7 +145,11 @@ bool IsMac(const std::string& text) {
 
 struct Args {
   std::string credentials;
-  std::string live;  // camera MAC, upper case
+  std::string live;    // camera MAC, upper case
+  std::string events;  // camera MAC, upper case, or "all"
+  std::string play;    // camera MAC, upper case
+  long long play_start = -1;
+  long long seek = 0;
   long long quality = server::kDefaultVideoQuality;
   bool set_quality = false;
   long long new_quality = 0;
@@ -200,6 +216,26 @@ int ParseArgs(int argc, char** argv, Args* a) {
       a->live = argv[++i];
       if (!IsMac(a->live)) return Usage("--live needs twelve hexadecimal digits");
       for (char& c : a->live) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    } else if (arg == "--events") {
+      a->events = argv[++i];
+      if (a->events != "all" && !IsMac(a->events)) {
+        return Usage("--events needs twelve hexadecimal digits or all");
+      }
+      if (a->events != "all") {
+        for (char& c : a->events)
+          c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+      }
+    } else if (arg == "--play") {
+      a->play = argv[++i];
+      if (!IsMac(a->play)) return Usage("--play needs twelve hexadecimal digits");
+      for (char& c : a->play) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+      if (i + 1 >= argc || !ParseNumber(argv[++i], 0, 4294967295LL, &number)) {
+        return Usage("--play needs MAC START");
+      }
+      a->play_start = number;
+    } else if (arg == "--seek") {
+      if (!ParseNumber(argv[++i], 0, 86400, &number)) return Usage("bad --seek");
+      a->seek = number;
     } else if (arg == "--quality") {
       if (!ParseNumber(argv[++i], 0, 255, &number)) return Usage("bad --quality");
       a->quality = number;
@@ -250,10 +286,141 @@ int ParseArgs(int argc, char** argv, Args* a) {
   if (a->credentials.empty()) return Usage("--credentials FILE is required");
   const bool records = !a->record.h264_path.empty() || !a->record.mp4_path.empty() ||
                        !a->record.alaw_path.empty() || !a->record.frame_log_path.empty();
-  if (a->live.empty() && (records || !a->talk.empty() || a->set_quality)) {
-    return Usage("--h264, --mp4, --alaw, --frame-log, --set-quality and --talk need --live MAC");
+  const int modes = (a->live.empty() ? 0 : 1) + (a->events.empty() ? 0 : 1) +
+                    (a->play.empty() ? 0 : 1) + (a->download ? 1 : 0);
+  if (modes > 1) return Usage("--live, --events, --play and --download exclude each other");
+  if (a->live.empty() && (!a->talk.empty() || a->set_quality)) {
+    return Usage("--set-quality and --talk need --live MAC");
+  }
+  if (a->live.empty() && a->play.empty() && records) {
+    return Usage("--h264, --mp4, --alaw and --frame-log need --live MAC or --play MAC START");
   }
   return 0;
+}
+
+using Say = std::function<void(const std::string&)>;
+
+// Ends the session as asked and gives the exit status.
+int EndSession(viewer::Session& session, const Args& args, const Say& say, int rc, bool failed) {
+  if (rc != 0) {
+    std::fprintf(stderr, "lost %s (%d)\n", viewer::CodeName(rc).c_str(), rc);
+    return 1;
+  }
+  if (args.abort) {
+    session.Abort();
+    say("aborted");
+  } else {
+    session.Close();
+    say("closed");
+  }
+  return failed ? 1 : 0;
+}
+
+// Holds the session in short turns until done() or a signal; the session's end code, else 0.
+int HoldUntil(viewer::Session& session, const Args& args, const viewer::Handlers& handlers,
+              const std::function<bool()>& done) {
+  const auto until = std::chrono::steady_clock::now() +
+                     std::chrono::seconds(args.hold_s > 0 ? args.hold_s : 24LL * 3600);
+  int rc = 0;
+  while (rc == 0 && !done() && !g_stop.load() && std::chrono::steady_clock::now() < until) {
+    rc = session.Hold(std::chrono::steady_clock::now() + std::chrono::milliseconds(50), g_stop,
+                      handlers);
+  }
+  return rc;
+}
+
+int RunEvents(viewer::Session& session, const Args& args, const Say& say) {
+  const uint32_t id = 1;
+  int rc =
+      session.SendIoCtrl(server::IOTYPE_USER_IPCAM_SEND_META_START,
+                         viewer::EventListRequest(args.events == "all" ? "" : args.events, id));
+  if (rc != 0) {
+    std::fprintf(stderr, "refused events %s (%d)\n", viewer::CodeName(rc).c_str(), rc);
+    return 1;
+  }
+  viewer::EventList list(id);
+  viewer::Handlers handlers;
+  handlers.ioctrl = [&](const p2p::ViewerIoCtrl& m) { list.Add(m); };
+  rc = HoldUntil(session, args, handlers, [&] { return list.complete() || list.broken(); });
+  bool failed = !list.complete() || list.broken();
+  if (list.complete()) {
+    for (const auto& e : list.events()) say(viewer::EventLine(e));
+    say("events " + std::to_string(list.events().size()));
+  }
+  if ((list.flags() & playbackmsg::kChunkRefused) != 0) {
+    std::fprintf(stderr, "error events refused by the hub\n");
+    failed = true;
+  } else if ((list.flags() & playbackmsg::kChunkNoCard) != 0) {
+    std::fprintf(stderr, "error no card or unreadable index\n");
+    failed = true;
+  } else if (rc == 0 && failed) {
+    std::fprintf(stderr, "error the event list did not come whole\n");
+  }
+  return EndSession(session, args, say, rc, failed);
+}
+
+int RunPlay(viewer::Session& session, const Args& args, const Say& say) {
+  viewer::LiveRecorder recorder;
+  std::string error;
+  if (recorder.Open(args.record, &error) != 0) {
+    std::fprintf(stderr, "tarvo-viewer: %s\n", error.c_str());
+    return 2;
+  }
+  const uint32_t start = static_cast<uint32_t>(args.play_start);
+  int rc =
+      session.SendIoCtrl(server::IOTYPE_USER_IPCAM_RECORD_SEEKTIME,
+                         viewer::PlayRequest(args.play, start, static_cast<uint32_t>(args.seek)));
+  if (rc != 0) {
+    std::fprintf(stderr, "refused play %s (%d)\n", viewer::CodeName(rc).c_str(), rc);
+    return 1;
+  }
+  say("play " + args.play + " " + std::to_string(start) + " from " + std::to_string(args.seek));
+  bool over = false;
+  playbackmsg::StateMessage last;
+  viewer::Handlers handlers;
+  handlers.frame = [&](const p2p::ViewerFrame& frame) {
+    recorder.Add(frame, session.has_key() ? session.key() : nullptr);
+  };
+  handlers.ioctrl = [&](const p2p::ViewerIoCtrl& m) {
+    playbackmsg::StateMessage state;
+    if (!viewer::ReadPlayState(m, &state)) return;
+    if (state.mac != args.play || state.start != start) {
+      if (state.state != playbackmsg::PlayState::kRefused) return;
+    }
+    last = state;
+    if (viewer::IsFinalState(state.state)) over = true;
+  };
+  rc = HoldUntil(session, args, handlers, [&] { return over; });
+  // The state goes as control and may overtake the last frames: its count says how many come.
+  if (rc == 0 && over) {
+    const auto grace = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    rc = HoldUntil(session, args, handlers, [&] {
+      return recorder.video().frames + recorder.video().undecodable >= last.frames ||
+             std::chrono::steady_clock::now() >= grace;
+    });
+  }
+  if (!over && rc == 0)
+    session.SendIoCtrl(server::IOTYPE_USER_IPCAM_RECORD_SEEKTIME, viewer::PlayCommand("stop"));
+  bool failed = false;
+  if (recorder.Finish(&error) != 0) {
+    std::fprintf(stderr, "error %s\n", error.c_str());
+    failed = true;
+  }
+  if (over) {
+    say(std::string("play state ") + playbackmsg::PlayStateName(last.state) + " frames " +
+        std::to_string(last.frames));
+    if (last.state != playbackmsg::PlayState::kEnd) failed = true;
+  } else {
+    failed = true;
+  }
+  say(viewer::VideoLine(recorder.video()));
+  say(viewer::AudioLine(recorder.audio()));
+  if (!args.record.h264_path.empty()) say("h264 " + args.record.h264_path);
+  if (!args.record.mp4_path.empty()) {
+    say("mp4 " + args.record.mp4_path + " frames " + std::to_string(recorder.mp4_frames()));
+  }
+  if (!args.record.alaw_path.empty()) say("alaw " + args.record.alaw_path);
+  return EndSession(session, args, say, rc, failed);
 }
 
 }  // namespace
@@ -318,6 +485,9 @@ int main(int argc, char** argv) {
     say("closed");
     return 0;
   }
+
+  if (!args.events.empty()) return RunEvents(session, args, say);
+  if (!args.play.empty()) return RunPlay(session, args, say);
 
   // Frames come only after the viewer asks for live view; they are counted and decrypted here so
   // that a broken stream shows.

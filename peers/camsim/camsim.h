@@ -131,6 +131,7 @@ struct Stats {
   int commands_asleep = 0;
   int talk_bytes = 0;         // talk-back audio received
   int talk_frames = 0;        // talk-back frames received
+  int refused_frames = 0;     // hub frames a camera refuses (talk-back of another subtype)
   int upgrades = 0;           // upgrade requests received
   int upgrades_done = 0;      // upgrades fetched, checked and restarted into
   std::string upgrade_error;  // why the last upgrade failed

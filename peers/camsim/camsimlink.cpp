@@ -288,7 +288,14 @@ void Camera::Impl::HandleFrame(const _net_cmd_type* frame) {
   r.payload.assign(frame->Payload(), frame->Payload() + frame->Length());
   r.asleep = !awake_;
   const bool wake = frame->type == command::kTypeWake && frame->subtype == 0;
-  const bool talk = frame->type == command::kTypeTalk;
+  // A camera plays only what comes as talk-back audio (subtype 1); any other subtype of the
+  // talk-back type is refused, unplayed and unanswered.
+  const bool talk = frame->type == command::kTypeTalk && frame->subtype == 1;
+  if (frame->type == command::kTypeTalk && !talk) {
+    Log("talk-back frame of subtype " + std::to_string(frame->subtype) + " refused");
+    Update([](Stats& s) { s.refused_frames++; });
+    return;
+  }
   if (!talk) {
     Log("recv " + FrameName(frame->type, frame->subtype) + " seq " + std::to_string(r.seq) +
         " from " + r.src +

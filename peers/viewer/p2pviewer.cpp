@@ -387,6 +387,9 @@ int Viewer::RdtCreate(uint8_t channel, int timeout_ms) {
   const bool done = cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
     return r.gen != gen || r.state == RdtEnd::kOpen || RdtCode(channel, gen) != 0;
   });
+  // Opened: a short transfer may already have come whole and its end with it; the reads give
+  // the bytes first and the end's code after them.
+  if (r.gen == gen && r.state == RdtEnd::kOpen) return channel;
   if (int code = RdtCode(channel, gen)) {
     if (r.gen == gen) {
       r = RdtEnd();

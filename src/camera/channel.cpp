@@ -30,7 +30,8 @@ struct StreamKey {
 
 // What the transport's fill call needs to encrypt one frame for one viewer.
 struct VideoFill {
-  const video::H264Frame* frame;
+  const uint8_t* frame;
+  uint32_t len;
   const unsigned char* key;
   const unsigned char* nonce;
   const crypto_nalu_info* nalu;
@@ -40,9 +41,8 @@ struct VideoFill {
 int EncryptVideoInto(void* context, unsigned char* dst, int size) {
   auto* fill = static_cast<VideoFill*>(context);
   unsigned int out_len = 0;
-  if (video_chacha20_encrypt_nonce(fill->frame->data(), fill->frame->length(), fill->key,
-                                   fill->nonce, &out_len, fill->nalu, dst,
-                                   static_cast<size_t>(size)) != 0 ||
+  if (video_chacha20_encrypt_nonce(fill->frame, fill->len, fill->key, fill->nonce, &out_len,
+                                   fill->nalu, dst, static_cast<size_t>(size)) != 0 ||
       out_len != static_cast<unsigned int>(size)) {
     fill->failed = true;
     return -1;
@@ -200,27 +200,7 @@ int Channel::TranVideoFrame(const video::H264Frame& frame, client::Client* clien
     return 0;
   }
 
-  // The frame is encrypted straight into the transport's message for this viewer: one pass
-  // over the frame per viewer. A frame whose encrypted form would not fit the work buffer's
-  // capacity goes out raw, as it always has.
-  StreamKey key;
-  VideoFill fill{&frame, key.bytes, video_nonce_, &encrypto_video.nalu, false};
-  const size_t encrypted_len = VideoHeaderBytes(encrypto_video.nalu.count) + frame.length();
-  int ret = AV_ER_INVALID_ARG;
-  if (client_encrypt_info.Get(client->slot(), key.bytes) == 0 &&
-      encrypto_video.nalu.count <= kMaxListedNalus && encrypted_len <= encrypto_video.capacity) {
-    frameinfo::SetEncrypted(info, true);
-    ret = avSendFrameDataFill(av, static_cast<int>(encrypted_len), info,
-                              static_cast<int>(sizeof(*info)), EncryptVideoInto, &fill);
-  } else {
-    fill.failed = true;
-  }
-  if (fill.failed) {
-    TLOG(LOG_DEBUG) << "ERROR:video chacha20 encrypto fail!, send raw video data";
-    frameinfo::SetEncrypted(info, false);
-    ret = avSendFrameData(av, reinterpret_cast<const char*>(frame.data()),
-                          static_cast<int>(frame.length()), info, static_cast<int>(sizeof(*info)));
-  }
+  const int ret = SendVideoLocked(frame.data(), frame.length(), *client, av, info, video_nonce_);
   if (ret == kAvExceedMaxSize) {
     // The viewer's queue is full: drop its queued video instead of waiting for it.
     avServResetBuffer(av, RESET_VIDEO, kResetWaitMs);
@@ -275,25 +255,65 @@ int Channel::TranAudioData(const _net_cmd_type* frame) {
     if (av < 0) continue;
 
     frameinfo::SetAudioFrameInfo(&info, packet.time_ms);
-    const char* data = reinterpret_cast<const char*>(packet.data);
-    int length = packet.length;
-    StreamKey key;
-    if (client_encrypt_info.Get(client->slot(), key.bytes) == 0 &&
-        audio_chacha20_encrypt(reinterpret_cast<const char*>(packet.data), packet.length, key.bytes,
-                               encrypto_audio.data, encrypto_audio.capacity) != nullptr) {
-      data = reinterpret_cast<const char*>(encrypto_audio.data);
-      length = packet.length + static_cast<int>(kChachaNonceBytes);
-      frameinfo::SetEncrypted(&info, true);
-    } else {
-      TLOG(LOG_DEBUG) << "audio chacha20 encrypto fail!, send raw data!";
-    }
-    const int ret = avSendAudioData(av, data, length, &info, static_cast<int>(sizeof(info)));
+    const int ret = SendAudioLocked(packet.data, packet.length, *client, av, &info);
     send.unlock();
     // A full queue loses this packet only; unlike video, nothing is reset.
     if (ret >= 0 || ret == kAvExceedMaxSize) continue;
     if (!DropGoneClient(ret, client)) TLOG(LOG_DEBUG) << "Send audio frame error: " << ret;
   }
   return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The per-viewer send, shared by live view and playback
+
+int SendVideoLocked(const uint8_t* frame, uint32_t len, const client::Client& client, int av,
+                    _FRAMEINFO* info, const unsigned char* nonce) {
+  // The frame is encrypted straight into the transport's message for this viewer: one pass
+  // over the frame per viewer. A frame whose encrypted form would not fit the work buffer's
+  // capacity goes out raw, as it always has.
+  unsigned char drawn[kChachaNonceBytes];
+  if (nonce == nullptr) {
+    randombytes_buf(drawn, sizeof(drawn));
+    nonce = drawn;
+  }
+  StreamKey key;
+  VideoFill fill{frame, len, key.bytes, nonce, &encrypto_video.nalu, false};
+  const size_t encrypted_len = VideoHeaderBytes(encrypto_video.nalu.count) + len;
+  int ret = AV_ER_INVALID_ARG;
+  if (client_encrypt_info.Get(client.slot(), key.bytes) == 0 &&
+      encrypto_video.nalu.count <= kMaxListedNalus && encrypted_len <= encrypto_video.capacity) {
+    frameinfo::SetEncrypted(info, true);
+    ret = avSendFrameDataFill(av, static_cast<int>(encrypted_len), info,
+                              static_cast<int>(sizeof(*info)), EncryptVideoInto, &fill);
+  } else {
+    fill.failed = true;
+  }
+  if (fill.failed) {
+    TLOG(LOG_DEBUG) << "ERROR:video chacha20 encrypto fail!, send raw video data";
+    frameinfo::SetEncrypted(info, false);
+    ret = avSendFrameData(av, reinterpret_cast<const char*>(frame), static_cast<int>(len), info,
+                          static_cast<int>(sizeof(*info)));
+  }
+  return ret;
+}
+
+int SendAudioLocked(const uint8_t* samples, int len, const client::Client& client, int av,
+                    _FRAMEINFO* info) {
+  const char* data = reinterpret_cast<const char*>(samples);
+  int length = len;
+  StreamKey key;
+  if (client_encrypt_info.Get(client.slot(), key.bytes) == 0 &&
+      audio_chacha20_encrypt(reinterpret_cast<const char*>(samples), len, key.bytes,
+                             encrypto_audio.data, encrypto_audio.capacity) != nullptr) {
+    data = reinterpret_cast<const char*>(encrypto_audio.data);
+    length = len + static_cast<int>(kChachaNonceBytes);
+    frameinfo::SetEncrypted(info, true);
+  } else {
+    TLOG(LOG_DEBUG) << "audio chacha20 encrypto fail!, send raw data!";
+    frameinfo::SetEncrypted(info, false);
+  }
+  return avSendAudioData(av, data, length, info, static_cast<int>(sizeof(*info)));
 }
 
 }  // namespace channel

@@ -71,6 +71,18 @@ constexpr int kAvInvalidSid = -20010;
 constexpr int kAvSessionCloseByRemote = -20015;
 constexpr int kAvRemoteTimeoutDisconnect = -20016;
 
+// The per-viewer send of live view, which playback shares. The caller holds the viewer's send
+// lock and av is its AV channel. Video: the caller holds encrypto_video.mutex and
+// encrypto_video.nalu lists the frame's units; audio: the caller holds encrypto_audio.mutex.
+// The payload is encrypted with the viewer's stream key (raw, encrypted flag 0, when that
+// fails), info's encrypted flag set, and the frame queued. The transport's result. Video is
+// encrypted straight into the queued message under `nonce` (8 bytes; one drawn when null: a
+// frame sent to several viewers draws one for all).
+int SendVideoLocked(const uint8_t* frame, uint32_t len, const client::Client& client, int av,
+                    _FRAMEINFO* info, const unsigned char* nonce = nullptr);
+int SendAudioLocked(const uint8_t* samples, int len, const client::Client& client, int av,
+                    _FRAMEINFO* info);
+
 class Channel {
  public:
   // Reassembly: a 16-byte frame header and up to 1 MiB of frame. A frame of more than 63

@@ -132,11 +132,13 @@ int HubTransport::RdtCreate(int sid, int timeout_ms, int ch) {
   const auto deadline = timeout_ms == 0 ? Clock::now() + std::chrono::hours(24 * 365)
                                         : Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
+    // Opened: the viewer may already have written and ended its end; the reads give its bytes
+    // first and the end's code after them.
+    if (r.gen == gen && r.state == RdtChannel::kOpen) break;
     if (int st = RdtState(id, gen)) {
       if (r.gen == gen) FreeRdt(id);
       return st;
     }
-    if (r.state == RdtChannel::kOpen) break;
     if (cv_.wait_until(lock, deadline) == std::cv_status::timeout && Clock::now() >= deadline &&
         r.gen == gen && r.state != RdtChannel::kOpen) {
       if (s.gen == session_gen && s.state == Session::kOpen)

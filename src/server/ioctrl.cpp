@@ -63,7 +63,7 @@ void MediaServer::Handle_IOCTRL_Cmd(int sid, int avIndex, char* payload, int typ
       break;
     case IOTYPE_USER_IPCAM_SEND_META_START:
       TLOG(LOG_DEBUG) << "This is IOTYPE_USER_IPCAM_SEND_META_START start play list";
-      playlist_start_play(sid);
+      playlist_start_play(sid, avIndex, payload);
       break;
     case IOTYPE_USER_IPCAM_STOP:
       TLOG(LOG_DEBUG) << "this is IOTYPE_USER_IPCAM_STOP live_stop......";
@@ -100,7 +100,7 @@ void MediaServer::Handle_IOCTRL_Cmd(int sid, int avIndex, char* payload, int typ
   }
 }
 
-int IpCameraLiveStart(MediaServer& server, int /*sid*/, int /*avIndex*/, const char* payload,
+int IpCameraLiveStart(MediaServer& server, int sid, int /*avIndex*/, const char* payload,
                       client::Client* client) {
   TLOG(LOG_DEBUG) << "Receive a msg: " << payload;
   std::string mac;
@@ -109,6 +109,10 @@ int IpCameraLiveStart(MediaServer& server, int /*sid*/, int /*avIndex*/, const c
   ReadQuality(payload, &quality);
   TLOG(LOG_DEBUG) << "live start cam mac: " << mac << ", videoquality: " << quality;
   client->SetCamera(mac);
+  // Live view takes the viewer's AV channel over from a stored clip.
+  if (playback_stop(sid, playback::StopReason::kStopped) == 0) {
+    TLOG(LOG_DEBUG) << "Playback of session " << sid << " ends for live view";
+  }
 
   // A viewer watches one camera at a time.
   for (const std::string& other : server.LiveChannelMacs()) {
@@ -129,12 +133,15 @@ int IpCameraLiveStart(MediaServer& server, int /*sid*/, int /*avIndex*/, const c
   return 0;
 }
 
-int IpCameraLiveStop(MediaServer& server, int /*sid*/, int avIndex, const char* payload,
+int IpCameraLiveStop(MediaServer& server, int sid, int avIndex, const char* payload,
                      client::Client* client) {
   TLOG(LOG_DEBUG) << "Receive a msg: " << payload;
   std::string mac;
   if (!ReadMac(payload, &mac)) return -1;
   TLOG(LOG_DEBUG) << "target live stop camera mac: " << mac;
+  if (playback_stop(sid, playback::StopReason::kStopped) == 0) {
+    TLOG(LOG_DEBUG) << "Playback of session " << sid << " ends with live view";
+  }
   try {
     const std::shared_ptr<channel::LiveChannel> ch = server.GetLiveChannel(mac);
     ch->UnRegisteVideoForLiveClient(client);

@@ -2,8 +2,10 @@
 // (the viewer's audio played on the camera) and the hand-off of playback requests. The session
 // thread of a viewer hands every message to MediaServer::Handle_IOCTRL_Cmd, which dispatches it
 // by type to the handlers below; all but the talkback thread run on that session thread, one
-// message at a time. Only the download request (media/filetransfer.h) is answered, with
-// IOTYPE_USER_IPCAM_RECORD_DOWNLOAD_RESP.
+// message at a time. No live handler answers the viewer; the playback hand-offs (event list
+// 0x200, playback 0xF001) answer through the playback code (docs/playback.md), the download
+// request (media/filetransfer.h) with IOTYPE_USER_IPCAM_RECORD_DOWNLOAD_RESP, and a live start
+// or stop ends the session's playback first.
 //
 // Payloads are texts zero-filled behind the message (so NUL-terminated) naming the camera by
 // "mac" (at most 31 characters, looked up in upper case), with "videoquality" for live start

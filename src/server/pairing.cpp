@@ -59,6 +59,15 @@ int ParsePairingRequest(const uint8_t* buf, size_t n, _net_cmd_get_info_type* in
   return _net_cmd_get_info_type::Decode(frame->Payload(), frame->Length(), info) == 0 ? 1 : 0;
 }
 
+bool IsCameraAddress(const uint8_t mac[6]) {
+  // A group address (its first byte odd; broadcast is one) never belongs to one device.
+  if ((mac[0] & 0x01) != 0) return false;
+  for (int i = 0; i < 6; i++) {
+    if (mac[i] != 0) return true;
+  }
+  return false;
+}
+
 int BuildPairingReply(const _net_cmd_type* request, const std::string& ssid, const std::string& key,
                       uint8_t* out, size_t cap) {
   if (cap < command::kFrameOverhead + command::kPairReplySize) return -1;
@@ -129,7 +138,7 @@ int RecvTcpData(int sockfd, std::string* mac) {
   }
   const std::string text = command::AddressText(info.mac);
   TLOG(LOG_DEBUG) << "auth camera mac: " << text;
-  if (text == "000000000000" || text == "FFFFFFFFFFFF") {
+  if (!pairing::IsCameraAddress(info.mac)) {
     TLOG(LOG_DEBUG) << "auth camera mac is no camera address";
     return 0;
   }

@@ -38,6 +38,8 @@ constexpr size_t kRequestBufferSize = 1024;
 // Validates bytes received in one piece as a pairing request (a whole frame, type 0x8B, length
 // 34) and decodes its payload. 1 when valid, 0 otherwise.
 int ParsePairingRequest(const uint8_t* buf, size_t n, _net_cmd_get_info_type* info);
+// Whether a MAC can be a camera's: not all zeros, not a group (multicast or broadcast) address.
+bool IsCameraAddress(const uint8_t mac[6]);
 // Builds the reply to a request: header echoing the request, payload 1, SSID and passphrase.
 // Returns the frame size (99) or -1 when cap is too small.
 int BuildPairingReply(const _net_cmd_type* request, const std::string& ssid, const std::string& key,

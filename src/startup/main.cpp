@@ -22,9 +22,11 @@
 #include "media/playback.h"
 #include "platform/board.h"
 #include "server/mediaserver.h"
+#include "server/playbacksend.h"
 #include "storage/pirevent.h"
 #include "storage/pirupload.h"
 #include "storage/recordindex.h"
+#include "storage/recordstore.h"
 #include "storage/recordsweep.h"
 #include "storage/sdcard.h"
 
@@ -140,9 +142,9 @@ int RunHub(int argc, char** argv) {
   media_server->Init();
   media_server->StartTutk();
 
-  InitMqtt();           // 16.
-  playlist_mgr_init();  // 17.
-  playback_mgr_init();
+  InitMqtt();                            // 16.
+  playlist_mgr_init(MakeRecordStore());  // 17.
+  server::InitPlaybackSenders();
   filetransfer_set_locator(&IsFileExist);
   InitSyncAndReset();  // 18.
   InitSystemCtrl();    // 19.

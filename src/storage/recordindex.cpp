@@ -13,6 +13,7 @@
 
 #include "base/log.h"
 #include "core/utils.h"
+#include "media/playback.h"
 #include "platform/board.h"
 #include "storage/sdcard.h"
 
@@ -388,6 +389,10 @@ int RomoveTimestampAndFile(long timestamp, const char* mac) {
   path[len - 3] = '*';
   path[len - 2] = '\0';
   const int ret = RomoveTimestamp(timestamp, mac);
-  if (ret == 0) RemoveFile(path);
+  if (ret == 0) {
+    // Nobody may be reading the clip when it goes.
+    playback_release_clip(mac_text, timestamp);
+    RemoveFile(path);
+  }
   return ret;
 }

@@ -12,6 +12,7 @@
 
 #include "base/log.h"
 #include "core/utils.h"
+#include "media/playback.h"
 #include "platform/board.h"
 #include "platform/hwlib.h"
 
@@ -88,6 +89,7 @@ int SetSdCardStatus(sdcard_status_e status) {
   pthread_mutex_lock(&sd_mutex);
   g_sdcard_status = status;
   pthread_mutex_unlock(&sd_mutex);
+  if (status != SDCARD_STATUS_NORMAL) playback_card_gone();
   return 0;
 }
 
@@ -201,6 +203,7 @@ int MountSdCard() {
 int UmountSdCard() {
   const std::string command = "umount " + Mount() + " 2>&1 && rm -rf " + Mount() + "/*";
   TLOG(LOG_DEBUG) << "umount: cmd is " << command;
+  playback_card_gone();  // no clip stays open on a card being unmounted
   return RunUntilQuiet(__func__, command, "umount SD done", "umount sdcard result is ",
                        "umount dacard failed");
 }
@@ -291,6 +294,7 @@ int SdcardCallback(int line, int event) {
     TLOG(LOG_DEBUG) << "high power, sd card out ok";
     if (GetSdCardStatus() == SDCARD_STATUS_OFF) return 0;
     TLOG(LOG_DEBUG) << "umount sd card and rmmod mtk_sd";
+    playback_card_gone();
     if (SdCardIsMount() == 0) platform::System("umount " + Mount());
     platform::System(kDriverUnload);
     Report(1);

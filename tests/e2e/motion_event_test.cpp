@@ -240,7 +240,8 @@ TEST_F(MotionEvent, ClipAndSnapshotReachTheCardTheIndexAndTheCloudAndTheAckSpace
   ASSERT_TRUE(agent_->WaitReply(id, nullptr));
   const long t2 = Pir();
   ASSERT_TRUE(WaitLines("Move " + std::string(kCam) + " pir event in sdcard succeed", 2));
-  EXPECT_EQ(2u, testsupport::IndexTimes(Index()).size());
+  // the index record is written just after that line
+  EXPECT_TRUE(WaitFor([&] { return testsupport::IndexTimes(Index()).size() == 2u; }));
   EXPECT_TRUE(FileExists(testsupport::EventPath(Root(), kCam, t2, "mp4")));
 }
 

@@ -56,6 +56,8 @@ class UploadEnvironment : public ::testing::Environment {
     StopPirUploadForTest();
     delete g_broker;
     g_broker = nullptr;
+    delete g_board;  // no board root is left behind in the temporary folder
+    g_board = nullptr;
   }
 };
 

@@ -499,8 +499,30 @@ TEST(CameraLink, PairingRecordsTheCameraAndGivesItAChannel) {
   EXPECT_EQ(Operstate("ra1"), "down\n");
   EXPECT_TRUE(g_world->log.Has("state: 5", mark));
   EXPECT_TRUE(g_world->log.Has("state: 4", mark));
+  // The pairing server's log lines, which support staff read, word for word (": " ends the
+  // record's head, so each must be the whole text).
+  for (const char* line :
+       {": start auth tcp server, ifconfig ra1 up ok!$", ": accept_count = 0$",
+        ": has a client ip 127\\.0\\.0\\.4 connect$", ": auth camera mac: 0A0000000004$",
+        ": Recv succeed!$", ": stop auth tcp server, ifconfig ra1 down ok!$",
+        ": exit auth thread\\.{6}$"}) {
+    EXPECT_TRUE(g_world->log.Has(line, mark)) << line;
+  }
 
   ASSERT_TRUE(ConnectAndLogin(cam, kCamN, 0x200));
+}
+
+TEST(CameraLink, PairingModeTurnedOffEndsThePairingThreadWithoutACamera) {
+  // The cloud turns pairing mode off while no camera came: the thread, waiting in accept with
+  // its time-out, sees the end and leaves, so pairing can start again.
+  ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
+  const size_t mark = g_world->log.Mark();
+  ASSERT_EQ(StartAuthServer(g_world->server), 0);
+  ASSERT_TRUE(g_world->log.Wait(": accept_count = 0$", mark));  // waiting for a camera
+  StopTcpServer();
+  EXPECT_FALSE(IsTcpServerStart());
+  EXPECT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
+  EXPECT_EQ(Operstate("ra1"), "down\n");
 }
 
 TEST(CameraLink, RePairingReplacesTheChannel) {
@@ -535,6 +557,19 @@ TEST(CameraLink, BadPairingRequestsGetNoAnswerAndEndPairing) {
   Cam cam(kCamBad, "127.0.0.5");
   const int fd = cam.PairingConnection();
   ASSERT_GE(fd, 0);
+  // Whole, well-formed requests whose identity can never be one camera's: all zeros, broadcast,
+  // a multicast group. Each is refused before the next is sent (one receive each).
+  const std::vector<Bytes> identities = {Bytes(6, 0x00), Bytes(6, 0xFF),
+                                         Bytes{0x01, 0x00, 0x5E, 0x00, 0x00, 0x01}};
+  for (const Bytes& identity : identities) {
+    Bytes info = cam.Info(0x200);
+    std::copy(identity.begin(), identity.end(), info.begin());
+    const Bytes request = MakeFrame(identity.data(), kZero, 0x8B, 0, info);
+    const size_t at = g_world->log.Mark();
+    ASSERT_EQ(send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+    EXPECT_TRUE(g_world->log.Wait("auth camera mac is no camera address", at))
+        << command::AddressText(identity.data());
+  }
   Bytes short33 = MakeFrame(cam.addr(), kZero, 0x8B, 0, Bytes(33, 1));
   Bytes video = MakeFrame(cam.addr(), kZero, 0x8A, 0, cam.Info(0x200));
   Bytes cut = cam.PairingRequest(1);
@@ -551,6 +586,9 @@ TEST(CameraLink, BadPairingRequestsGetNoAnswerAndEndPairing) {
   ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
   EXPECT_EQ(g_world->server->LiveChannelMacs(), macs);
   EXPECT_EQ(Config(std::string("p2p.") + kCamBad + ".version"), "");
+  for (const char* identity : {"000000000000", "FFFFFFFFFFFF", "01005E000001"}) {
+    EXPECT_EQ(Config(std::string("p2p.") + identity + ".version"), "") << identity;
+  }
 }
 
 }  // namespace

@@ -293,7 +293,8 @@ TEST(Camsim, ConnectsFromItsOwnAddressLogsInAndKeepsTheHubInformed) {
   EXPECT_TRUE(s.awake);
   EXPECT_EQ(1, s.logins);
   EXPECT_GE(s.keepalives, 3);
-  EXPECT_LT(s.SinceLastFrame(), milliseconds(2000));
+  // and they keep coming (an event, not a time: a loaded machine may pause this thread)
+  EXPECT_TRUE(WaitFor([&] { return cam.GetStats().keepalives > s.keepalives; }));
 }
 
 TEST(Camsim, CommandsAreAnsweredToTheirSource) {
@@ -346,6 +347,9 @@ TEST(Camsim, CommandsAreAnsweredToTheirSource) {
   hub.Send(mac, command::kTypeControl, command::kSubUpgrade, url);
   EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 6).payload());
   hub.Send(mac, 0x05, 0x05, {1, 2});
+  // talk-back audio of any subtype but 1 is refused: not played, not counted as talk-back
+  hub.Send(mac, command::kTypeTalk, 0, Bytes(320, 0xD5));
+  hub.Send(mac, command::kTypeTalk, 2, Bytes(320, 0xD5));
   // a frame for another camera on this connection is left alone
   hub.Send("0A00000000FF", command::kTypeProp, 0, {});
   hub.Send(mac, command::kTypeProp, 0, {}, ack_id);
@@ -368,6 +372,9 @@ TEST(Camsim, CommandsAreAnsweredToTheirSource) {
   EXPECT_EQ(0, s.upgrades_done);
   EXPECT_NE(std::string::npos, s.upgrade_error.find("127.0.0.1:1/cam.bin")) << s.upgrade_error;
   EXPECT_EQ(1, s.foreign_frames);
+  EXPECT_EQ(2, s.refused_frames);
+  EXPECT_EQ(0, s.talk_frames);
+  EXPECT_EQ(0, s.talk_bytes);
   EXPECT_FALSE(s.streaming);
   EXPECT_EQ(3, s.Count(command::kTypeProp, 0));
   EXPECT_EQ("88884D000000", s.received.back().src);

@@ -210,6 +210,12 @@ TEST(CamsimWire, PairingRequestAndReplyMeetTheHubsCode) {
   _net_cmd_get_info_type parsed;
   ASSERT_EQ(1, pairing::ParsePairingRequest(req, sizeof(req), &parsed));
 
+  // The reply needs all of its 99 bytes: a room of 98 is refused and left untouched.
+  uint8_t small[100];
+  std::memset(small, 0xEE, sizeof(small));
+  EXPECT_EQ(
+      -1, pairing::BuildPairingReply(command::AsFrame(req), "cam-net", "secret-key-1", small, 98));
+  EXPECT_EQ(Bytes(100, 0xEE), Bytes(small, small + 100));
   uint8_t reply[99];
   ASSERT_EQ(99, pairing::BuildPairingReply(command::AsFrame(req), "cam-net", "secret-key-1", reply,
                                            sizeof(reply)));

@@ -104,6 +104,7 @@ TEST_F(IoCtrl, LiveStartWithoutQualityStartsAtTwoAndAViewerWatchesOneCameraAtATi
 
   Send(0x2FF, "{\"mac\":\"0A00000000B2\"}");
   EXPECT_TRUE(Logged("this is IOTYPE_USER_IPCAM_STOP live_stop......"));
+  EXPECT_TRUE(Logged(": Receive a msg: {\"mac\":\"0A00000000B2\"}"));
   EXPECT_TRUE(Logged("target live stop camera mac: 0A00000000B2"));
   EXPECT_FALSE(Watches(kCamB));
   EXPECT_EQ(0, client_->videoRegistered());
@@ -146,6 +147,7 @@ TEST_F(IoCtrl, TalkbackStopNeedsTheCameraAndClearsTheFlag) {
   EXPECT_TRUE(Logged("Error param: mac is needed"));
   EXPECT_EQ(1, client_->talking());
   Send(0x351, "{\"mac\":\"0A00000000A1\"}");
+  EXPECT_TRUE(Logged(": Receive a msg: {\"mac\":\"0A00000000A1\"}"));
   EXPECT_EQ(0, client_->talking());
 }
 

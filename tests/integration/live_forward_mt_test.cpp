@@ -317,6 +317,66 @@ TEST_F(LiveForward, ReassemblyRefusesOverlongFramesAndDropsPartialOnes) {
   EXPECT_TRUE(info.key_frame);
 }
 
+TEST_F(LiveForward, FramesThatLostAPieceOrCarryABadSecondMagicNeverReachViewers) {
+  ViewerSlot& a = OpenViewer();
+  ch_->RegisteVideoForLiveClient(a.client.get());
+  camsim::VideoFrameHeader h;
+
+  // Frame 0 in three pieces, the middle one lost on the way: pieces 1 and 3 only. Sent twice:
+  // as cut, and with a header length that two pieces could hold (the camera's word for the
+  // length is no proof that every piece came).
+  const Bytes holed = MakeFrame(2 * 16384 + 500, false, 6);
+  h.length = static_cast<uint32_t>(holed.size());
+  for (uint32_t length : {h.length, uint32_t{20000}}) {
+    h.index = 0;
+    for (int piece : {1, 3}) {
+      const int size =
+          camsim::BuildVideoPiece(out_.data(), out_.size(), Origin(), h, holed.data(), piece, 3);
+      command::PutLe32(command::AsFrame(out_.data())->Payload(), length);
+      CameraSends(out_.data(), static_cast<size_t>(size));
+    }
+  }
+  // Frame 1 in one piece whose second magic is damaged (either byte).
+  const Bytes damaged = MakeFrame(700, false, 7);
+  h.length = static_cast<uint32_t>(damaged.size());
+  h.index = 1;
+  for (size_t at : {24u, 25u}) {
+    const int size =
+        camsim::BuildVideoPiece(out_.data(), out_.size(), Origin(), h, damaged.data(), 1, 1);
+    out_[at] = 0x69;
+    CameraSends(out_.data(), static_cast<size_t>(size));
+  }
+  // Frame 2 whole: the first and only frame the viewer gets.
+  const Bytes good = MakeFrame(1200, true, 8);
+  SendFrame(good, 2);
+
+  bool video = false;
+  Bytes plain;
+  viewer::FrameInfo info;
+  ASSERT_TRUE(Receive(a, &video, &plain, &info));
+  EXPECT_TRUE(video);
+  EXPECT_EQ(2, info.frame_index);
+  EXPECT_EQ(good, plain);
+  EXPECT_EQ(3u, ch_->LastFrameIndex());
+}
+
+TEST_F(LiveForward, AFrameWithoutAStartCodeGoesOutWithNoUnitListedAndIsLogged) {
+  testsupport::LogCapture log;
+  ViewerSlot& a = OpenViewer();
+  ch_->RegisteVideoForLiveClient(a.client.get());
+  Bytes odd = MakeFrame(600, false, 9);
+  odd[2] = 0x02;  // 00 00 02 00: no start code anywhere
+  odd[3] = 0x00;
+  SendFrame(odd, 0);
+  EXPECT_TRUE(log.Has(": live: get nalu info before encrypto fail!$"));
+  bool video = false;
+  Bytes plain;
+  viewer::FrameInfo info;
+  ASSERT_TRUE(Receive(a, &video, &plain, &info));
+  EXPECT_EQ(odd, plain);
+  EXPECT_TRUE(info.encrypted);
+}
+
 TEST_F(LiveForward, TranVideoDataCountsPiecesAndReturnsTheNextIndex) {
   const Bytes frame = MakeFrame(2 * 16384 + 10, false, 1);
   camsim::VideoFrameHeader h;

@@ -58,6 +58,8 @@ class HubEnvironment : public ::testing::Environment {
   void TearDown() override {
     delete g_broker;
     g_broker = nullptr;
+    delete g_board;  // no board root is left behind in the temporary folder
+    g_board = nullptr;
   }
 };
 
@@ -143,6 +145,25 @@ TEST(Router, UnknownMethodsAndMalformedMessagesGetNoReplyAndDoNoHarm) {
   for (int id : {unknown, wrong_type, no_method, prefix, 1, 2}) EXPECT_EQ(0, RepliesTo(*agent, id));
   EXPECT_GE(g_log->Count("json_verify failed", mark), 3);
   EXPECT_TRUE(g_log->Has("Drop message of 204800 bytes", mark));
+}
+
+TEST(Router, MessagesUpTo64KiBAreReadAndOneByteMoreIsDropped) {
+  std::string topic = "zelo/command";
+  for (int len : {64 * 1024, 64 * 1024 + 1}) {
+    // A command padded to the length: the largest still goes to the parser.
+    const std::string head = "{\"id\":1,\"method\":\"no_such_method\",\"pad\":\"";
+    std::string text = head + std::string(static_cast<size_t>(len) - head.size() - 2, 'p') + "\"}";
+    ASSERT_EQ(static_cast<size_t>(len), text.size());
+    mosquitto_message message{};
+    message.topic = topic.data();
+    message.payload = text.data();
+    message.payloadlen = len;
+    const size_t mark = g_log->Mark();
+    my_message_callback(nullptr, nullptr, &message);
+    EXPECT_EQ(len > 64 * 1024,
+              g_log->Has("Drop message of " + std::to_string(len) + " bytes", mark))
+        << len;
+  }
 }
 
 TEST(Router, TopicIsMatchedByItsPrefix) {

@@ -254,6 +254,10 @@ TEST_F(CardHub, DeleteVideoRemovesClipSnapshotAndRecordTogether) {
   EXPECT_TRUE(FileExists(EventFile(kCam, kT0 + 60, "mp4")));
   EXPECT_TRUE(FileExists(EventFile(kCam, kT0 + 60, "jpeg")));
   EXPECT_EQ(IndexTimes(kCam), std::vector<uint32_t>{kT0 + 60});
+  for (long t : {kT0, kT0 + 3600}) {
+    EXPECT_TRUE(Logged("delete item: " + std::to_string(t)));
+    EXPECT_TRUE(Logged("Rm timestamp: " + std::to_string(t) + " succeed!"));
+  }
 
   // The second event is unknown: the first is gone, the rest is not tried, no reply.
   StoreEvent(kCam, kT0 + 120);

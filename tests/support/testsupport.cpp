@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -125,14 +126,15 @@ bool WaitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeou
 
 namespace {
 
-// Whether a TCP and a UDP socket can bind the port on 127.0.0.1 right now.
+// Whether a TCP and a UDP socket can bind the port on every address right now (the hub's
+// transport listens on every address, the simulators on 127.0.0.N).
 bool Bindable(uint16_t port) {
   for (int type : {SOCK_STREAM, SOCK_DGRAM}) {
     const int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     if (fd < 0) return false;
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
     addr.sin_port = htons(port);
     const bool ok = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
     close(fd);
@@ -141,13 +143,31 @@ bool Bindable(uint16_t port) {
   return true;
 }
 
+// Claims the port for this process among every test program on the machine (of any work tree
+// or build): a lock on a file named after the port, held until the process ends. Between the
+// check that a port is free and the bind by the code under test, another test program could
+// otherwise be handed the same port.
+bool Claim(uint16_t port) {
+  static const std::string dir = "/tmp/tarvo-port-claims";
+  mkdir(dir.c_str(), 0777);
+  const std::string path = dir + "/" + std::to_string(port);
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) return true;  // no lock to be had: the bind check alone decides
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    close(fd);
+    return false;
+  }
+  return true;  // the descriptor stays open: the claim lasts as long as the process
+}
+
 }  // namespace
 
 uint16_t FreePort() {
   // Ports are handed out from 10000-19999, below the kernel's ephemeral range (where every
   // outgoing connection takes its local port, so a port found free there can be taken by a
   // client a moment later) and below the web servers' 20000-31999. Each program starts at a
-  // place of its own and never hands out a port twice.
+  // place of its own, never hands out a port twice and never one that another test program
+  // has claimed.
   constexpr unsigned kFirst = 10000, kCount = 10000;
   static std::mutex mutex;
   static unsigned next = static_cast<unsigned>(getpid()) * 7919u % kCount;
@@ -155,7 +175,7 @@ uint16_t FreePort() {
   for (unsigned tries = 0; tries < kCount; tries++) {
     const uint16_t port = static_cast<uint16_t>(kFirst + next);
     next = (next + 1) % kCount;
-    if (Bindable(port)) return port;
+    if (Claim(port) && Bindable(port)) return port;
   }
   std::abort();
 }

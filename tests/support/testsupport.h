@@ -60,8 +60,9 @@ bool FileExists(const std::string& path);
 bool WaitFor(const std::function<bool()>& cond,
              std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-// A port on 127.0.0.1 that TCP and UDP could bind a moment ago, outside the kernel's ephemeral
-// range and never handed out twice by this program.
+// A port that TCP and UDP could bind on every address a moment ago, outside the kernel's
+// ephemeral range, never handed out twice by this program and claimed against every other test
+// program on the machine until this one ends (a lock under /tmp/tarvo-port-claims).
 uint16_t FreePort();
 
 // A child process with its own environment; standard output and standard error are collected

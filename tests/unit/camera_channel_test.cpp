@@ -51,6 +51,10 @@ class BoardEnvironment : public ::testing::Environment {
     ASSERT_EQ(platform::MakeBoardRoot(g_board->path(), layout, &error), 0) << error;
     setenv("TARVO_ROOT", g_board->path().c_str(), 1);
   }
+  void TearDown() override {
+    delete g_board;  // no board root is left behind in the temporary folder
+    g_board = nullptr;
+  }
 };
 const auto* const g_env = ::testing::AddGlobalTestEnvironment(new BoardEnvironment);
 

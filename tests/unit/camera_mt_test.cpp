@@ -46,6 +46,8 @@ class LoopEnvironment : public ::testing::Environment {
   void TearDown() override {
     eventloop::Stop();
     g_loop->join();
+    delete g_board;  // no board root is left behind in the temporary folder
+    g_board = nullptr;
   }
 };
 const auto* const g_env = ::testing::AddGlobalTestEnvironment(new LoopEnvironment);

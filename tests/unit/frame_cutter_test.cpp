@@ -110,6 +110,20 @@ TEST_F(Cutter, GarbageAndBadTailDiscardEverythingHeld) {
   EXPECT_EQ(cutter.Held(), 0u);
 }
 
+TEST_F(Cutter, EitherByteOfEitherMagicWrongIsNoFrame) {
+  // A frame whose second magic was damaged must not reach the channel, whichever byte it is.
+  for (size_t at : {0u, 1u, 24u, 25u}) {
+    Bytes bad = Frame(0x8A, 0, 40);
+    bad[at] = 0x67;
+    Feed(bad);
+    EXPECT_TRUE(seen.empty()) << "magic byte " << at;
+    EXPECT_EQ(cutter.Held(), 0u) << "magic byte " << at;
+  }
+  EXPECT_EQ(cutter.Discards(), 4u);
+  Feed(Frame(0x8A, 0, 40));
+  EXPECT_EQ(seen.size(), 1u);
+}
+
 TEST_F(Cutter, FewerThanAHeaderWaits) {
   Feed(Bytes(33, 0x00));
   EXPECT_EQ(cutter.Held(), 33u);

@@ -77,6 +77,10 @@ TEST(FrameCheck, ShortBadMagicIncompleteAndBadTail) {
   Bytes frame = Build(7, 0, 0x03, 0x00, Bytes(10, 0x41));
   ASSERT_EQ(frame.size(), 44u);
 
+  // The smallest frame is whole at exactly 34 bytes, and needs every one of them.
+  const Bytes empty = Build(1, 0, 0x80, 0x00, {});
+  EXPECT_EQ(command::CheckCommand(empty.data(), 34), 1);
+  EXPECT_EQ(command::CheckCommand(empty.data(), 33), 0);
   // 33 bytes are never enough, whatever they hold.
   EXPECT_EQ(command::CheckCommand(Bytes(33, 0x00).data(), 33), 0);
   EXPECT_EQ(command::CheckCommand(frame.data(), 33), 0);
@@ -124,8 +128,15 @@ TEST(FrameAddresses, TextAckIdAndHubMacDigits) {
   uint8_t out[6];
   ASSERT_EQ(command::AddressFromText("a1b2c3d4e5f6", out), 0);
   EXPECT_EQ(Bytes(out, out + 6), (Bytes{0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6}));
+  // Addresses arrive in upper case too (the cloud's and the configuration's form).
+  ASSERT_EQ(command::AddressFromText("0A1B2C3D4E5F", out), 0);
+  EXPECT_EQ(Bytes(out, out + 6), (Bytes{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}));
+  EXPECT_EQ(command::AddressText(out), "0A1B2C3D4E5F");
   EXPECT_EQ(command::AddressFromText("A1B2C3D4E5F", out), -1);
   EXPECT_EQ(command::AddressFromText("A1B2C3D4E5FG", out), -1);
+  EXPECT_EQ(command::AddressFromText("0a1b2c3d4e5g", out), -1);
+  EXPECT_EQ(command::AddressFromText("0A1B2C3D4E5:", out), -1);
+  EXPECT_EQ(Bytes(out, out + 6), (Bytes{0x0A, 0x1B, 0x2C, 0x3D, 0x4E, 0x5F}));  // untouched
 
   command::AckIdAddress(0x01020304, out);
   EXPECT_EQ(Bytes(out, out + 6), (Bytes{0x88, 0x88, 0x04, 0x03, 0x02, 0x01}));

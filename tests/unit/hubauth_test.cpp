@@ -82,6 +82,8 @@ class HubAuth : public ::testing::Test {
   static void TearDownTestSuite() {
     SetCredentialPublisher(nullptr);
     tlog::SetCaptureSink({});
+    delete g_dir;  // no board root is left behind in the temporary folder
+    g_dir = nullptr;
   }
   void SetUp() override {
     std::lock_guard<std::mutex> lock(g_pub_mutex);
@@ -146,8 +148,21 @@ TEST_F(HubAuth, GoodLoginSetsTheSlotKeyBothEndsAgreeOn) {
     ASSERT_EQ(0, app_share_key(get_dev_pub_key(), app, app_side));
     EXPECT_EQ(0, std::memcmp(hub_side, app_side, 32)) << slot;
   }
+  // The app side refuses a hub key that would give it a key anybody can compute (a weak, all
+  // zero key) as well as one that is not 64 hexadecimal digits.
+  app_key_pair app;
+  make_app_key_pair(&app);
+  unsigned char share[32];
+  EXPECT_EQ(-1, app_share_key(std::string(64, '0'), app, share));
+  EXPECT_EQ(-1, app_share_key(std::string(62, '1'), app, share));
+  EXPECT_EQ(-1, app_share_key(get_dev_pub_key(), app, nullptr));
   unsigned char out[32];
   EXPECT_EQ(-1, client_encrypt_info.Get(4, out));
+  EXPECT_EQ(-1, client_encrypt_info.Get(-1, out));
+  // Slots outside the table are left alone (the sanitizer build sees any write past it).
+  client_encrypt_info.Clear(4);
+  client_encrypt_info.Clear(-1);
+  ASSERT_EQ(0, client_encrypt_info.Get(3, out));
   client_encrypt_info.Clear(1);
   EXPECT_EQ(-1, client_encrypt_info.Get(1, out));
 }

@@ -37,6 +37,11 @@ TEST(H264Frame, KeyFramesAreIdrSpsPpsAndTypeTwo) {
   // Too short to hold a NAL header behind the start code.
   const Bytes tiny = Buffer({0, 0, 0, 1});
   EXPECT_EQ(0, video::H264Frame(tiny.data()).GetType());
+  // A four-byte frame followed in the buffer by what would be an IDR header: the byte past the
+  // frame's length is never read.
+  Bytes past = Buffer({0, 0, 0, 1, 0x65});
+  command::PutLe32(past.data(), 4);
+  EXPECT_EQ(0, video::H264Frame(past.data()).GetType());
 }
 
 TEST(H264Frame, ReadsTheHeaderWordsLittleEndian) {

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include <cstring>
+
 #include <string>
 
 #include "platform/board.h"
@@ -48,10 +52,22 @@ TEST_F(NvramTest, IdentityOfTheBoardReachesTheViewThroughTheCache) {
   EXPECT_EQ(Get("p2p", "mac"), "021A2B3C4D5E");
   EXPECT_EQ(Get("p2p", "uid"), "TARVOHUB000000000001");
   EXPECT_EQ(Get("p2p", "nothing"), "<absent>");
+  // The listing replaces what the vector held.
+  std::vector<std::pair<std::string, std::string>> entries = {{"stale.entry", "x"}};
+  ASSERT_TRUE(platform::NvramEntries(&entries));
+  ASSERT_EQ(entries.size(), 4u);
+  EXPECT_EQ(entries[0], (std::pair<std::string, std::string>{"p2p.did", "1000000001"}));
 
-  char small[5];
-  ASSERT_EQ(nvram_get("p2p", "uid", small, sizeof(small)), 0);
-  EXPECT_STREQ(small, "TARV");
+  // Cut to the room given, the terminator inside it; the byte after the room is never written.
+  char room[32];
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(nvram_get("p2p", "uid", room, 5), 0);
+  EXPECT_STREQ(room, "TARV");
+  EXPECT_EQ(room[5], '#');
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(nvram_get("p2p", "did", room, 11), 0);  // ten digits fill the room exactly
+  EXPECT_STREQ(room, "1000000001");
+  EXPECT_EQ(room[11], '#');
 }
 
 TEST_F(NvramTest, SetIsSeenAtOnceAndKeptOnlyAfterCommit) {
@@ -61,7 +77,11 @@ TEST_F(NvramTest, SetIsSeenAtOnceAndKeptOnlyAfterCommit) {
   Reload();
   EXPECT_EQ(Get("p2p", "did"), "<absent>");
 
+  // The lock that orders the shim's and the daemon's updates is there from the first update on,
+  // its folder made for it on a board that has none yet.
+  std::filesystem::remove_all(dir_.path() + "/etc/nvram");
   ASSERT_EQ(nvram_set("p2p", "uid", "NEWUID"), 0);
+  EXPECT_TRUE(testsupport::FileExists(dir_.path() + "/etc/nvram/.lock"));
   ASSERT_EQ(nvram_set("p2p", "legalstatus", "1"), 0);
   EXPECT_EQ(Get("p2p", "uid"), "TARVOHUB000000000001");  // the view changes only on parse
   Reload();

@@ -134,6 +134,38 @@ TEST(P2pWire, MalformedHeadersFailAtOnceAndStayFailed) {
   }
 }
 
+TEST(P2pWire, EachLengthLimitHoldsAtItsBoundary) {
+  // The largest payload of a type is taken (the decoder waits for it); one byte more is
+  // refused from the header alone. AV and client logins: 1 + 255 account + 2 + 1024 text;
+  // I/O control: 4 + 1024; audio: 5 + 64 frame information + 65536; the results: 12 and 8.
+  struct Case {
+    const char* what;
+    Reader reader;
+    uint8_t type;
+    uint32_t largest;
+  };
+  const std::vector<Case> cases = {
+      {"AV login", Reader::kHub, 0x10, 1282},
+      {"client login", Reader::kViewer, 0x12, 1282},
+      {"I/O control to the hub", Reader::kHub, 0x20, 1028},
+      {"I/O control to a viewer", Reader::kViewer, 0x20, 1028},
+      {"audio to the hub", Reader::kHub, 0x22, 5 + 64 + 65536},
+      {"session result", Reader::kViewer, 0x02, 12},
+      {"AV login result", Reader::kViewer, 0x11, 8},
+      {"client login result", Reader::kHub, 0x13, 8},
+  };
+  for (const auto& c : cases) {
+    for (uint32_t len : {c.largest, c.largest + 1}) {
+      Decoder d(c.reader);
+      const auto header = Header(c.type, 1, len);
+      d.Feed(header.data(), header.size());
+      Message m;
+      EXPECT_EQ(len == c.largest ? Decoder::kNeedMore : Decoder::kError, d.Next(&m))
+          << c.what << ", " << len << " bytes";
+    }
+  }
+}
+
 TEST(P2pWire, PayloadsWithInconsistentLengthsAreRefused) {
   Hello hello;
   hello.uid = "UID";

@@ -235,6 +235,14 @@ TEST_F(RecordIndex, EventFilesAreFoundAndRemovedByStartTimeOnly) {
   start = t + 1;
   EXPECT_EQ(IsFileExist(path, &start, mp4, mac), -2);
   EXPECT_TRUE(log_.Has("file not on sdcard ,dir: "));
+  // Extensions: lower-case letters and digits, at most eight, all of them at the ends of their
+  // ranges allowed (looked for, not found); one more character, or another one, refused.
+  char edges[] = "a0z9aaaa";
+  EXPECT_EQ(IsFileExist(path, &start, edges, mac), -2);
+  char nine[] = "a0z9aaaaa";
+  EXPECT_EQ(IsFileExist(path, &start, nine, mac), -1);
+  char upper[] = "MP4";
+  EXPECT_EQ(IsFileExist(path, &start, upper, mac), -1);
   char hostile_ext[] = "mp4;id";
   char hostile_mac[] = "0A00000000A/";
   EXPECT_EQ(IsFileExist(path, &start, hostile_ext, mac), -1);
@@ -252,6 +260,13 @@ TEST_F(RecordIndex, EventFilesAreFoundAndRemovedByStartTimeOnly) {
   EXPECT_EQ(RomoveTimestampAndFile(t + 2, kCam), -1);
   EXPECT_EQ(RomoveTimestampAndFile(t, "../../../../x"), -1);
 
+  // Every plain path character, the ends of each range included, reaches rm.
+  const std::string plain = Board("/tmp/AZaz09._-+,:@%=~");
+  WriteFile(plain, "x");
+  std::vector<char> plain_path(plain.begin(), plain.end());
+  plain_path.push_back('\0');
+  EXPECT_EQ(RemoveFile(plain_path.data()), 0);
+  EXPECT_FALSE(FileExists(plain));
   char quoted[] = "/tmp/x'; touch /tmp/y; '";
   EXPECT_EQ(RemoveFile(quoted), -1);
   EXPECT_EQ(RemoveFile(nullptr), -1);

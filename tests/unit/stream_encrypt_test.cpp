@@ -98,11 +98,16 @@ TEST(AudioEncrypt, NonceThenWholePayloadXoredFromCounterZero) {
   EXPECT_EQ(320, audio_chacha20_decrypt(out.data(), 328, key.data(), out.data(), out.size()));
   EXPECT_EQ(audio, Bytes(out.begin(), out.begin() + 320));
 
-  // Two frames never share a nonce.
-  Bytes again(328);
-  audio_chacha20_encrypt(reinterpret_cast<const char*>(audio.data()), 320, key.data(), again.data(),
-                         again.size());
-  EXPECT_NE(0, std::memcmp(again.data(), out.data(), 8));
+  // Two packets never share a nonce, not even when the hub encrypts them into one work buffer
+  // one after the other.
+  Bytes work(328);
+  ASSERT_NE(nullptr, audio_chacha20_encrypt(reinterpret_cast<const char*>(audio.data()), 320,
+                                            key.data(), work.data(), work.size()));
+  const Bytes first(work.begin(), work.begin() + 8);
+  ASSERT_NE(nullptr, audio_chacha20_encrypt(reinterpret_cast<const char*>(audio.data()), 320,
+                                            key.data(), work.data(), work.size()));
+  EXPECT_NE(first, Bytes(work.begin(), work.begin() + 8));
+  EXPECT_NE(Bytes(8, 0), first);
 }
 
 TEST(AudioEncrypt, RefusesNullArgumentsAndOutputsTooSmall) {
@@ -404,6 +409,39 @@ TEST(VideoEncrypt, RoundTripOfAKeyFrameSizedFrame) {
   ASSERT_EQ(static_cast<int>(frame.size()),
             video_chacha20_decrypt(out.data(), out_len, key.data(), out.data(), out.size()));
   EXPECT_EQ(0, std::memcmp(frame.data(), out.data(), frame.size()));
+}
+
+TEST(VideoEncrypt, EveryFrameHasItsOwnNonceAndKeyStream) {
+  // The hub encrypts frame after frame into one work buffer. Were the nonce left from the frame
+  // before, two frames would share a key stream and one would give the other away (XOR of the
+  // two ciphertexts is the XOR of the plain frames).
+  const Bytes frame = Frame({{0x65, 400, true}});
+  crypto_nalu_info info{};
+  ASSERT_EQ(0, get_nalu_info(frame.data(), static_cast<unsigned>(frame.size()), &info));
+  ASSERT_EQ(1u, info.count);
+  const Bytes key = Key(5);
+  Bytes work(frame.size() + kVideoHeaderRoom, 0);
+  std::vector<Bytes> sent;
+  for (int i = 0; i < 4; i++) {
+    unsigned out_len = 0;
+    ASSERT_EQ(0, video_chacha20_encrypt(frame.data(), static_cast<unsigned>(frame.size()),
+                                        key.data(), &out_len, &info, work.data(), work.size()));
+    sent.emplace_back(work.begin(), work.begin() + out_len);
+  }
+  for (size_t a = 0; a < sent.size(); a++) {
+    EXPECT_NE(Bytes(8, 0), Bytes(sent[a].begin(), sent[a].begin() + 8)) << a;
+    for (size_t b = a + 1; b < sent.size(); b++) {
+      EXPECT_NE(Bytes(sent[a].begin(), sent[a].begin() + 8),
+                Bytes(sent[b].begin(), sent[b].begin() + 8))
+          << "frames " << a << " and " << b << " share a nonce";
+      EXPECT_NE(sent[a], sent[b]) << "frames " << a << " and " << b << " are the same bytes";
+    }
+    Bytes plain(frame.size());
+    ASSERT_EQ(static_cast<int>(frame.size()),
+              video_chacha20_decrypt(sent[a].data(), static_cast<unsigned>(sent[a].size()),
+                                     key.data(), plain.data(), plain.size()));
+    EXPECT_EQ(frame, plain);
+  }
 }
 
 TEST(TextEncrypt, LengthHeaderAndRoundTrip) {

@@ -1,6 +1,7 @@
 #include "platform/uci.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -65,9 +66,21 @@ TEST_F(UciTest, ReadsTheBoardsPackagesByNameAndByTypeIndex) {
   EXPECT_EQ(Get("p2p.0A1B2C3D4E5F.new_interval"), "60");
   EXPECT_EQ(Get("p2p.112233445566.event"), "motion1");
 
-  char small[4];
-  ASSERT_EQ(zcfg_uci_get("wireless.@wifi-iface[2].ssid", small, sizeof(small)), 0);
-  EXPECT_STREQ(small, "tar");
+  // A value is cut to the room given, its terminator inside that room: the byte after the
+  // room is never written, whether the value is longer than the room or fills it exactly.
+  char room[16];
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(zcfg_uci_get("wireless.@wifi-iface[2].ssid", room, 4), 0);
+  EXPECT_STREQ(room, "tar");
+  EXPECT_EQ(room[4], '#');
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(zcfg_uci_get("hub_config.power.threshold", room, 3), 0);  // "20" and its terminator
+  EXPECT_STREQ(room, "20");
+  EXPECT_EQ(room[3], '#');
+  std::memset(room, '#', sizeof(room));
+  ASSERT_EQ(zcfg_uci_get("hub_config.power.threshold", room, 2), 0);
+  EXPECT_STREQ(room, "2");
+  EXPECT_EQ(room[2], '#');
 }
 
 TEST_F(UciTest, SetCreatesRetypesAndDeletesSectionsAndKeepsTheRest) {
@@ -82,6 +95,12 @@ TEST_F(UciTest, SetCreatesRetypesAndDeletesSectionsAndKeepsTheRest) {
              "\toption kind \"anon\"\n");
   ASSERT_EQ(zcfg_uci_set("p2p.BBBBBBBBBBBB", "p2p"), 0);
   ASSERT_EQ(zcfg_uci_set("p2p.BBBBBBBBBBBB.battery", "80"), 0);
+  // Setting the value an option already has writes nothing (the flash is not worn for it).
+  struct stat before, after;
+  ASSERT_EQ(stat((root() + "/etc/config/p2p").c_str(), &before), 0);
+  ASSERT_EQ(zcfg_uci_set("p2p.BBBBBBBBBBBB.battery", "80"), 0);
+  ASSERT_EQ(stat((root() + "/etc/config/p2p").c_str(), &after), 0);
+  EXPECT_EQ(before.st_ino, after.st_ino);
   EXPECT_EQ(Get("p2p.BBBBBBBBBBBB"), "p2p");
   EXPECT_EQ(Get("p2p.BBBBBBBBBBBB.battery"), "80");
   // the untouched list survives the rewrite, items in order
@@ -241,6 +260,22 @@ TEST(UciFile, SerializeWritesWhatUciCommitWrites) {
   EXPECT_EQ(platform::uci::Serialize(again), platform::uci::Serialize(package));
   EXPECT_FALSE(platform::uci::Parse("config a\n option x 'open\n", &again, &error));
   EXPECT_EQ(error, "line 2: unterminated single quote");
+  EXPECT_TRUE(again.sections.empty());  // a failed parse leaves nothing half read
+}
+
+TEST(UciFile, ParseReplacesWhatThePackageHeldAndTakesAnOptionWithoutValue) {
+  platform::uci::Package package;
+  std::string error;
+  ASSERT_TRUE(platform::uci::Parse("config old 'x'\n", &package, &error)) << error;
+  ASSERT_TRUE(
+      platform::uci::Parse("config new 'y'\n option empty\n option three 'a'\n", &package, &error))
+      << error;
+  EXPECT_EQ(platform::uci::Serialize(package),
+            "\nconfig new 'y'\n\toption empty ''\n\toption three 'a'\n\n");
+  EXPECT_FALSE(platform::uci::Parse("config c\n option\n", &package, &error));
+  EXPECT_EQ(error, "line 2: option needs a name and a value");
+  EXPECT_FALSE(platform::uci::Parse("config c\n option a 'b' 'c'\n", &package, &error));
+  EXPECT_EQ(error, "line 2: option needs a name and a value");
 }
 
 }  // namespace

@@ -1,0 +1,253 @@
+// The play and list threads of recording playback on their own, with a record store over a temp
+// folder and senders that stand for the viewer: the play is paced by the clip, a viewer that is
+// busy gets its frame again, a removal of the clip waits until the reader has closed it, one that
+// has left ends the play without a word, stops from other threads meet a play that is starting,
+// and a list waits while the control queue is full.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "camsim/camsimmedia.h"
+#include "media/mp4mux.h"
+#include "media/orump4playlist.h"
+#include "media/playback.h"
+#include "media/playbackmsg.h"
+#include "support/mediaprobe.h"
+#include "support/testsupport.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using playbackmsg::PlayState;
+
+constexpr char kMac[] = "0A00000000D1";
+constexpr uint32_t kStart = 1700000000;
+constexpr int kFrames = 30;  // 2 s
+
+// What the senders saw, and how they answer.
+struct Viewer {
+  std::mutex mu;
+  std::condition_variable changed;
+  std::vector<PlayState> states;
+  std::vector<uint8_t> chunk_flags;
+  size_t chunk_events = 0;
+  int video = 0;
+  int audio = 0;
+  std::atomic<int> busy_left{0};     // answers kBusy this many times first
+  std::atomic<bool> gone{false};     // answers as a viewer that has left
+  std::atomic<bool> reading{false};  // a sender call is under way
+  std::atomic<bool> clip_removed{false};
+  std::atomic<bool> sent_after_removal{false};
+
+  int Answer() {
+    if (gone.load()) return -20015;
+    if (busy_left.load() > 0) {
+      busy_left--;
+      return playback::kBusy;
+    }
+    return playback::kSent;
+  }
+  template <typename P>
+  bool Wait(P pred, std::chrono::milliseconds timeout = 10s) {
+    std::unique_lock<std::mutex> lock(mu);
+    return changed.wait_for(lock, timeout, pred);
+  }
+  bool WaitState(PlayState s) {
+    return Wait([&] {
+      for (PlayState x : states) {
+        if (x == s) return true;
+      }
+      return false;
+    });
+  }
+};
+Viewer* g_viewer = nullptr;
+
+int Command(int, uint32_t type, const uint8_t* data, size_t len) {
+  const int answer = g_viewer->Answer();
+  if (answer != playback::kSent) return answer;
+  std::lock_guard<std::mutex> lock(g_viewer->mu);
+  if (type == playbackmsg::kTypePlayState) {
+    playbackmsg::StateMessage m;
+    if (playbackmsg::DecodeState(data, len, &m)) g_viewer->states.push_back(m.state);
+  } else if (type == playbackmsg::kTypePlaylist) {
+    playbackmsg::ListChunk c;
+    if (playbackmsg::DecodeListChunk(data, len, &c)) {
+      g_viewer->chunk_flags.push_back(c.flags);
+      g_viewer->chunk_events += c.events.size();
+    }
+  }
+  g_viewer->changed.notify_all();
+  return playback::kSent;
+}
+
+int Frame(int, const playback::Frame& f, bool video) {
+  if (g_viewer->clip_removed.load()) g_viewer->sent_after_removal = true;
+  const int answer = g_viewer->Answer();
+  if (answer != playback::kSent) return answer;
+  std::lock_guard<std::mutex> lock(g_viewer->mu);
+  (video ? g_viewer->video : g_viewer->audio)++;
+  (void)f;
+  g_viewer->changed.notify_all();
+  return playback::kSent;
+}
+int Video(int sid, const playback::Frame& f) {
+  return Frame(sid, f, true);
+}
+int Audio(int sid, const playback::Frame& f) {
+  return Frame(sid, f, false);
+}
+
+class PlayThreads : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    auto video = camsim::VideoClip::Load(testsupport::TestMedia("camera-1080p15.h264"), &error);
+    ASSERT_NE(nullptr, video) << error;
+    clip_ = dir_.path() + "/clip.mp4";
+    ORU_MP4_HANDLE h = nullptr;
+    ASSERT_EQ(0, orump4_create_file(clip_.c_str(), 0, 0, 1, 15, 1920, 1080, 1, 8000, &h));
+    std::vector<uint8_t> alaw(533, 0xD5);
+    for (int i = 0; i < kFrames; i++) {
+      const auto& f = video->at(i);
+      ASSERT_EQ(
+          0, orump4_write_video_frame(h, f.data.data(), static_cast<uint32_t>(f.data.size()), 0));
+      ASSERT_EQ(0, orump4_write_audio_frame(h, alaw.data(), static_cast<int>(alaw.size())));
+    }
+    ASSERT_EQ(0, orump4_close_file_for_create(h));
+
+    playlist::RecordStore store;
+    store.cameras = [] { return std::vector<std::string>{kMac, "0A00000000B2"}; };
+    store.read_index = [this](const std::string& mac, std::vector<playlist::IndexRecord>* out) {
+      out->clear();
+      if (mac == kMac) {
+        for (uint32_t i = 0; i < records_; i++) out->push_back({kStart + i * 60, 10});
+      }
+      return 0;
+    };
+    store.locate_clip = [this](const std::string&, uint32_t, std::string* path) {
+      *path = clip_;
+      return 0;
+    };
+    store.card_ready = [] { return true; };
+    playlist_mgr_init(store);
+    g_viewer = &viewer_;
+    ASSERT_EQ(0, playback_mgr_init(Command, Video, Audio));
+  }
+  void TearDown() override {
+    for (int sid = 0; sid < 4; sid++) playlist_stop_play(sid);
+    g_viewer = nullptr;
+  }
+
+  static bool WaitForStop(int sid) {
+    return testsupport::WaitFor([sid] { return !playback_running(sid); });
+  }
+  static std::string Play(uint32_t start, int offset = 0) {
+    return "{\"mac\":\"" + std::string(kMac) + "\",\"start\":" + std::to_string(start) +
+           ",\"offset\":" + std::to_string(offset) + "}";
+  }
+
+  testsupport::TempDir dir_;
+  std::string clip_;
+  uint32_t records_ = 1;
+  Viewer viewer_;
+};
+
+TEST_F(PlayThreads, PlaysAtTheClipsPaceGivesBusyFramesAgainAndEndsWithTheEnd) {
+  viewer_.busy_left = 20;  // the first frames meet a busy viewer
+  const auto t0 = std::chrono::steady_clock::now();
+  ASSERT_EQ(0, HandlePlayback(0, 0, Play(kStart).c_str()));
+  ASSERT_TRUE(viewer_.WaitState(PlayState::kEnd));
+  const auto took = std::chrono::steady_clock::now() - t0;
+  EXPECT_GE(took, 1800ms);  // 30 frames at 15 a second, the first at once
+  std::lock_guard<std::mutex> lock(viewer_.mu);
+  EXPECT_EQ(kFrames, viewer_.video);  // none lost to the busy answers
+  EXPECT_GT(viewer_.audio, 0);
+  EXPECT_EQ((std::vector<PlayState>{PlayState::kStarted, PlayState::kEnd}), viewer_.states);
+  EXPECT_TRUE(WaitForStop(0));  // the thread ends right after its last word
+}
+
+TEST_F(PlayThreads, ARemovalReturnsOnlyOnceTheReaderIsClosedAndAGoneViewerHearsNothing) {
+  ASSERT_EQ(0, HandlePlayback(1, 0, Play(kStart).c_str()));
+  ASSERT_TRUE(viewer_.Wait([&] { return viewer_.video >= 3; }));
+  playback_release_clip(kMac, kStart);
+  viewer_.clip_removed = true;  // what the removal would do now
+  EXPECT_FALSE(playback_running(1));
+  EXPECT_TRUE(viewer_.WaitState(PlayState::kDeleted));
+  std::this_thread::sleep_for(100ms);
+  EXPECT_FALSE(viewer_.sent_after_removal.load());
+  playback_release_clip(kMac, kStart + 1);  // nothing plays it: returns at once
+
+  viewer_.clip_removed = false;
+  {
+    std::lock_guard<std::mutex> lock(viewer_.mu);
+    viewer_.states.clear();
+  }
+  ASSERT_EQ(0, HandlePlayback(1, 0, Play(kStart).c_str()));
+  ASSERT_TRUE(viewer_.Wait([&] { return !viewer_.states.empty(); }));
+  viewer_.gone = true;
+  EXPECT_TRUE(WaitForStop(1));
+  std::lock_guard<std::mutex> lock(viewer_.mu);
+  EXPECT_EQ((std::vector<PlayState>{PlayState::kStarted}), viewer_.states);
+}
+
+TEST_F(PlayThreads, StopsFromManyThreadsMeetStartingPlaysAndPauseHoldsThePlay) {
+  std::atomic<bool> run{true};
+  std::vector<std::thread> stoppers;
+  stoppers.emplace_back([&] {
+    while (run) playback_release_clip(kMac, kStart);
+  });
+  stoppers.emplace_back([&] {
+    while (run) playback_card_gone();
+  });
+  for (int i = 0; i < 20; i++) {
+    HandlePlayback(2, 0, Play(kStart, i % 3).c_str());
+    HandlePlayback(3, 0, Play(kStart).c_str());
+    if (i % 5 == 0) playlist_stop_play(3);
+  }
+  run = false;
+  for (auto& t : stoppers) t.join();
+  playback_stop(2, playback::StopReason::kStopped);
+  playback_stop(3, playback::StopReason::kStopped);
+  EXPECT_FALSE(playback_running(2));
+  EXPECT_FALSE(playback_running(3));
+
+  ASSERT_EQ(0, HandlePlayback(2, 0, Play(kStart).c_str()));
+  ASSERT_TRUE(viewer_.Wait([&] { return viewer_.video >= 2; }));
+  ASSERT_EQ(0, HandlePlayback(2, 0, "{\"cmd\":\"pause\"}"));
+  std::this_thread::sleep_for(200ms);
+  int paused = 0;
+  {
+    std::lock_guard<std::mutex> lock(viewer_.mu);
+    paused = viewer_.video;
+  }
+  std::this_thread::sleep_for(400ms);
+  {
+    std::lock_guard<std::mutex> lock(viewer_.mu);
+    EXPECT_EQ(paused, viewer_.video);
+  }
+  ASSERT_EQ(0, HandlePlayback(2, 0, "{\"cmd\":\"resume\"}"));
+  EXPECT_TRUE(viewer_.Wait([&] { return viewer_.video > paused; }));
+  ASSERT_EQ(0, HandlePlayback(2, 0, "{\"cmd\":\"stop\"}"));
+  EXPECT_FALSE(playback_running(2));
+}
+
+TEST_F(PlayThreads, AListWaitsForRoomInTheControlQueueAndComesWhole) {
+  records_ = 130;  // three chunks
+  viewer_.busy_left = 5;
+  ASSERT_EQ(0, playlist_start_play(0, 0, "{\"id\":4}"));
+  ASSERT_TRUE(viewer_.Wait([&] { return viewer_.chunk_flags.size() == 3; }));
+  std::lock_guard<std::mutex> lock(viewer_.mu);
+  EXPECT_EQ(130u, viewer_.chunk_events);
+  EXPECT_EQ(0, viewer_.chunk_flags[0] & playbackmsg::kChunkLast);
+  EXPECT_NE(0, viewer_.chunk_flags[2] & playbackmsg::kChunkLast);
+}
+
+}  // namespace
