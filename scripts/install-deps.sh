@@ -5,6 +5,8 @@
 # Optional groups, named as arguments, add what only some stages need:
 #   cross   Debian's cross compilers for mipsel and s390x and qemu's user-mode emulators
 #           (scripts/cross-sysroot.sh, the test script's cross stage, scripts/cross-test.sh)
+#   tools   profilers for the benchmarks: valgrind (callgrind instruction counts, massif heap
+#           profiles; docs/live-view.md)
 set -euo pipefail
 
 PACKAGES=(
@@ -21,6 +23,7 @@ PACKAGES=(
 for group in "$@"; do
   case $group in
     cross) PACKAGES+=(g++-mipsel-linux-gnu g++-s390x-linux-gnu qemu-user dpkg-dev xz-utils) ;;
+    tools) PACKAGES+=(valgrind) ;;
     *) echo "install-deps: unknown group $group" >&2; exit 2 ;;
   esac
 done

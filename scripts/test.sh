@@ -55,13 +55,8 @@ for stage in "${stages[@]}"; do
       mapfile -t targets < <(ninja -C build-tsan -t targets all | sed -n 's/^\([A-Za-z0-9_]*_mt_test\): .*/\1/p' | sort -u)
       if [ ${#targets[@]} -eq 0 ]; then echo "no threaded tests"; continue; fi
       ninja -C build-tsan "${targets[@]}"  # they depend on the daemon and the tools
-      # The list-churn forwarding test aborts in about one run in six under ThreadSanitizer
-      # ("terminate called without an active exception" on the main thread after its own threads
-      # are joined, so in a teardown of the viewer side). It runs in the normal and sanitizer
-      # stages; it is left out here until that teardown is found.
       TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-        ctest --test-dir build-tsan -L threaded \
-          -E '^LiveForward\.ListChangesWhileFramesGoOutNeverDisturbTheWalk$' "${ctest_args[@]}"
+        ctest --test-dir build-tsan -L threaded "${ctest_args[@]}"
       ;;
     cross)
       bash scripts/install-deps.sh cross

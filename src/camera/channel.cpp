@@ -28,6 +28,28 @@ struct StreamKey {
   ~StreamKey() { sodium_memzero(bytes, sizeof(bytes)); }
 };
 
+// What the transport's fill call needs to encrypt one frame for one viewer.
+struct VideoFill {
+  const uint8_t* frame;
+  uint32_t len;
+  const unsigned char* key;
+  const unsigned char* nonce;
+  const crypto_nalu_info* nalu;
+  bool failed;
+};
+
+int EncryptVideoInto(void* context, unsigned char* dst, int size) {
+  auto* fill = static_cast<VideoFill*>(context);
+  unsigned int out_len = 0;
+  if (video_chacha20_encrypt_nonce(fill->frame, fill->len, fill->key, fill->nonce, &out_len,
+                                   fill->nalu, dst, static_cast<size_t>(size)) != 0 ||
+      out_len != static_cast<unsigned int>(size)) {
+    fill->failed = true;
+    return -1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 void SetSinkFactory(SinkFactory factory) {
@@ -37,7 +59,13 @@ void SetSinkFactory(SinkFactory factory) {
 
 Channel::Channel()
     : live_clients_(std::make_shared<const ClientList>()),
-      frame_buf_(new uint8_t[video::kFrameHeaderBytes + kReassemblyCapacity]()) {}
+      // Not zeroed: every slot a frame uses is written whole (data, then zeros) before the frame
+      // is read, so only the pages the camera's frames reach ever become resident (a channel
+      // of a 1080p stream uses a few hundred KiB of its 1 MiB; zeroing made every channel hold
+      // all of it). The header starts zeroed.
+      frame_buf_(new uint8_t[video::kFrameHeaderBytes + kReassemblyCapacity]) {
+  std::memset(frame_buf_.get(), 0, video::kFrameHeaderBytes);
+}
 
 Channel::~Channel() = default;
 
@@ -147,6 +175,8 @@ int Channel::FanOutVideoFrame(const video::H264Frame& frame) {
   if (get_nalu_info(frame.data(), frame.length(), &encrypto_video.nalu) != 0) {
     TLOG(LOG_DEBUG) << "live: get nalu info before encrypto fail!";
   }
+  static_assert(sizeof(video_nonce_) == kChachaNonceBytes, "one nonce a frame");
+  randombytes_buf(video_nonce_, sizeof(video_nonce_));
   for (client::Client* client : *viewers) {
     frameinfo::SetVideoFrameInfo(&info, fields);
     TranVideoFrame(frame, client, &info);
@@ -156,22 +186,21 @@ int Channel::FanOutVideoFrame(const video::H264Frame& frame) {
 
 int Channel::TranVideoFrame(const video::H264Frame& frame, client::Client* client,
                             _FRAMEINFO* info) {
-  std::unique_lock<std::mutex> send(client->sendLock(), std::defer_lock);
-  int av = client->avIndex();
-  if (av >= 0 && client->videoRegistered() != 0) {
-    // Never wait for a viewer: one whose lock is held loses this frame.
-    if (!send.try_lock()) return 0;
-    av = client->avIndex();  // the session may have ended meanwhile
-  }
+  // Never wait for a viewer: one whose lock is held loses this frame. Its session and video
+  // flag are read once, under the lock: a session thread may register or unregister it at any
+  // moment, and what decides whether to send must also be what decides whether to drop.
+  std::unique_lock<std::mutex> send(client->sendLock(), std::try_to_lock);
+  if (!send.owns_lock()) return 0;
+  const int av = client->avIndex();
   if (av < 0 || client->videoRegistered() == 0) {
-    if (send.owns_lock()) send.unlock();
+    send.unlock();
     TLOG(LOG_DEBUG) << "Stop client avindex < 0";
     UnRegisteVideoForLiveClient(client);
     UnRegisteAudioForLiveClient(client);
     return 0;
   }
 
-  const int ret = SendVideoLocked(frame.data(), frame.length(), *client, av, info);
+  const int ret = SendVideoLocked(frame.data(), frame.length(), *client, av, info, video_nonce_);
   if (ret == kAvExceedMaxSize) {
     // The viewer's queue is full: drop its queued video instead of waiting for it.
     avServResetBuffer(av, RESET_VIDEO, kResetWaitMs);
@@ -239,22 +268,34 @@ int Channel::TranAudioData(const _net_cmd_type* frame) {
 // The per-viewer send, shared by live view and playback
 
 int SendVideoLocked(const uint8_t* frame, uint32_t len, const client::Client& client, int av,
-                    _FRAMEINFO* info) {
-  const char* data = reinterpret_cast<const char*>(frame);
-  unsigned int length = len;
+                    _FRAMEINFO* info, const unsigned char* nonce) {
+  // The frame is encrypted straight into the transport's message for this viewer: one pass
+  // over the frame per viewer. A frame whose encrypted form would not fit the work buffer's
+  // capacity goes out raw, as it always has.
+  unsigned char drawn[kChachaNonceBytes];
+  if (nonce == nullptr) {
+    randombytes_buf(drawn, sizeof(drawn));
+    nonce = drawn;
+  }
   StreamKey key;
-  unsigned int out_len = 0;
+  VideoFill fill{frame, len, key.bytes, nonce, &encrypto_video.nalu, false};
+  const size_t encrypted_len = VideoHeaderBytes(encrypto_video.nalu.count) + len;
+  int ret = AV_ER_INVALID_ARG;
   if (client_encrypt_info.Get(client.slot(), key.bytes) == 0 &&
-      video_chacha20_encrypt(frame, len, key.bytes, &out_len, &encrypto_video.nalu,
-                             encrypto_video.data, encrypto_video.capacity) == 0) {
-    data = reinterpret_cast<const char*>(encrypto_video.data);
-    length = out_len;
+      encrypto_video.nalu.count <= kMaxListedNalus && encrypted_len <= encrypto_video.capacity) {
     frameinfo::SetEncrypted(info, true);
+    ret = avSendFrameDataFill(av, static_cast<int>(encrypted_len), info,
+                              static_cast<int>(sizeof(*info)), EncryptVideoInto, &fill);
   } else {
+    fill.failed = true;
+  }
+  if (fill.failed) {
     TLOG(LOG_DEBUG) << "ERROR:video chacha20 encrypto fail!, send raw video data";
     frameinfo::SetEncrypted(info, false);
+    ret = avSendFrameData(av, reinterpret_cast<const char*>(frame), static_cast<int>(len), info,
+                          static_cast<int>(sizeof(*info)));
   }
-  return avSendFrameData(av, data, static_cast<int>(length), info, static_cast<int>(sizeof(*info)));
+  return ret;
 }
 
 int SendAudioLocked(const uint8_t* samples, int len, const client::Client& client, int av,

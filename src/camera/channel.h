@@ -75,9 +75,11 @@ constexpr int kAvRemoteTimeoutDisconnect = -20016;
 // lock and av is its AV channel. Video: the caller holds encrypto_video.mutex and
 // encrypto_video.nalu lists the frame's units; audio: the caller holds encrypto_audio.mutex.
 // The payload is encrypted with the viewer's stream key (raw, encrypted flag 0, when that
-// fails), info's encrypted flag set, and the frame queued. The transport's result.
+// fails), info's encrypted flag set, and the frame queued. The transport's result. Video is
+// encrypted straight into the queued message under `nonce` (8 bytes; one drawn when null: a
+// frame sent to several viewers draws one for all).
 int SendVideoLocked(const uint8_t* frame, uint32_t len, const client::Client& client, int av,
-                    _FRAMEINFO* info);
+                    _FRAMEINFO* info, const unsigned char* nonce = nullptr);
 int SendAudioLocked(const uint8_t* samples, int len, const client::Client& client, int av,
                     _FRAMEINFO* info);
 
@@ -118,9 +120,10 @@ class Channel {
   // number of viewers walked.
   int FanOutVideoFrame(const video::H264Frame& frame);
   // Sends one frame to one viewer: encrypted with its stream key (raw with the encrypted flag 0
-  // when that fails) under the header `info`, whose encrypted flag is set here. The caller holds
-  // encrypto_video.mutex, and encrypto_video.nalu lists the frame's units. The transport's
-  // result, or 0 when nothing was sent (busy viewer, or one that was unregistered).
+  // when that fails) straight into the transport's message, under the header `info`, whose
+  // encrypted flag is set here. The caller holds encrypto_video.mutex, encrypto_video.nalu lists
+  // the frame's units and the frame's nonce is drawn. The transport's result, or 0 when nothing
+  // was sent (busy viewer, or one that was unregistered).
   int TranVideoFrame(const video::H264Frame& frame, client::Client* client, _FRAMEINFO* info);
 
   // The stream size copied into every video frame's information.
@@ -162,6 +165,10 @@ class Channel {
   uint32_t last_frame_index_ = 0;
   bool refusing_ = false;  // the pieces of frame refused_index_ are being dropped
   uint32_t refused_index_ = 0;
+
+  // The nonce of the frame being fanned out, drawn once for all its viewers (under
+  // encrypto_video.mutex).
+  unsigned char video_nonce_[8] = {0};
 };
 
 }  // namespace channel

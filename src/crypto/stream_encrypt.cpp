@@ -143,11 +143,20 @@ void xor_video_unit(unsigned char* unit, size_t len,
 int video_chacha20_encrypt(const unsigned char* frame, unsigned int len, const unsigned char* key,
                            unsigned int* out_len, const crypto_nalu_info* info, unsigned char* out,
                            size_t cap) {
+  unsigned char nonce[kChachaNonceBytes];
+  randombytes_buf(nonce, sizeof(nonce));
+  return video_chacha20_encrypt_nonce(frame, len, key, nonce, out_len, info, out, cap);
+}
+
+int video_chacha20_encrypt_nonce(const unsigned char* frame, unsigned int len,
+                                 const unsigned char* key, const unsigned char* nonce,
+                                 unsigned int* out_len, const crypto_nalu_info* info,
+                                 unsigned char* out, size_t cap) {
   if (frame == nullptr) {
     TLOG(LOG_DEBUG) << "111111111111111111";
     return -1;
   }
-  if (key == nullptr) {
+  if (key == nullptr || nonce == nullptr) {
     TLOG(LOG_DEBUG) << "22222222222222222222";
     return -1;
   }
@@ -179,7 +188,7 @@ int video_chacha20_encrypt(const unsigned char* frame, unsigned int len, const u
                     << cap;
     return -1;
   }
-  randombytes_buf(out, kChachaNonceBytes);
+  std::memcpy(out, nonce, kChachaNonceBytes);
   out[8] = static_cast<unsigned char>(k);
   for (uint32_t i = 0; i < k; i++) {
     PutLe32(out + 9 + 8 * i, info->offsets[i]);

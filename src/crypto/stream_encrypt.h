@@ -94,6 +94,12 @@ int get_nalu_info(const unsigned char* frame, unsigned int len, crypto_nalu_info
 int video_chacha20_encrypt(const unsigned char* frame, unsigned int len, const unsigned char* key,
                            unsigned int* out_len, const crypto_nalu_info* info, unsigned char* out,
                            size_t cap);
+// The same with the nonce given (kChachaNonceBytes) instead of drawn: a frame that goes to
+// several viewers draws one nonce, and each viewer's own key makes its own key stream.
+int video_chacha20_encrypt_nonce(const unsigned char* frame, unsigned int len,
+                                 const unsigned char* key, const unsigned char* nonce,
+                                 unsigned int* out_len, const crypto_nalu_info* info,
+                                 unsigned char* out, size_t cap);
 
 // nonce | data XOR key stream into out (cap bytes, at least len + 8). out, or null (logged
 // "data or chacha20_share_key is NULL" for null arguments).

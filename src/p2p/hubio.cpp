@@ -26,6 +26,7 @@ namespace {
 
 constexpr size_t kReadChunk = 65536;
 constexpr size_t kWriteBatch = 65536;
+constexpr size_t kBatchedMessage = 4096;  // larger messages go out from their own buffer
 
 // Equal texts, compared in time independent of where they differ and of their lengths.
 bool SameSecret(const std::string& a, const std::string& b) {
@@ -90,6 +91,7 @@ int HubTransport::Initialize(uint16_t port) {
     std::lock_guard<std::mutex> lock(mu_);
     listen_fd_ = fd;
     wake_fd_ = wfd;
+    wake_pending_.store(false);
     stop_ = false;
     timing_ = GetLinkTimeouts();
     accepted_.clear();
@@ -269,7 +271,7 @@ bool HubTransport::HandleHello(Conn& c, const wire::Message& m, Clock::time_poin
   answer.result = result;
   answer.sid = sid;
   answer.library_version = kLibraryVersion;
-  c.out = wire::EncodeHelloResult(answer);
+  c.out = ToOut(wire::EncodeHelloResult(answer));
   c.out_pos = 0;
   if (result != IOTC_ER_NoERROR) {
     TLOG(LOG_WARNING) << "P2P session request from " << Peer(c) << " refused (" << result
@@ -451,13 +453,18 @@ bool HubTransport::ReadConn(Conn& c, Clock::time_point now) {
 bool HubTransport::WriteConn(Conn& c, Clock::time_point now) {
   for (;;) {
     if (c.out_pos == c.out.size()) {
+      if (c.out.capacity() > 0) {
+        std::lock_guard<std::mutex> lock(spare_mu_);
+        KeepBuffer(std::move(c.out));
+      }
       c.out.clear();
       c.out_pos = 0;
       if (c.phase == Conn::kSession) {
         std::lock_guard<std::mutex> lock(mu_);
         Session& s = sessions_[c.sid];
         if (s.gen == c.session_gen && s.state == Session::kOpen) {
-          // Control first; a big frame is moved rather than copied, small ones are batched.
+          // Control first; a frame is moved rather than copied, only small messages (audio,
+          // control) are batched behind the first.
           while (!s.control.empty() || !s.media.empty()) {
             const bool control = !s.control.empty();
             auto& q = control ? s.control : s.media;
@@ -465,8 +472,8 @@ bool HubTransport::WriteConn(Conn& c, Clock::time_point now) {
             const size_t size = bytes.size();
             if (c.out.empty()) {
               c.out = std::move(bytes);
-            } else if (c.out.size() + size <= kWriteBatch) {
-              c.out.insert(c.out.end(), bytes.begin(), bytes.end());
+            } else if (size <= kBatchedMessage && c.out.size() + size <= kWriteBatch) {
+              Append(&c.out, bytes.data(), size);
             } else {
               break;
             }
@@ -526,10 +533,10 @@ void HubTransport::Run() {
       for (auto& c : conns_) {
         if (c->id != order.first || c->fd < 0 || c->phase != Conn::kSession) continue;
         if (c->out_pos == c->out.size()) {
-          c->out = std::move(order.second);
+          c->out = ToOut(order.second);
           c->out_pos = 0;
         } else {
-          c->out.insert(c->out.end(), order.second.begin(), order.second.end());
+          Append(&c->out, order.second.data(), order.second.size());
         }
         StartLinger(*c, now);
       }
@@ -546,7 +553,7 @@ void HubTransport::Run() {
         Lose(*c, "nothing received for " + std::to_string(timing_.idle_ms) + " ms");
       } else if (c->phase == Conn::kSession && now - c->last_tx >= ping &&
                  c->out_pos == c->out.size()) {
-        c->out = wire::EncodeEmpty(wire::MsgType::kPing, 0);
+        c->out = ToOut(wire::EncodeEmpty(wire::MsgType::kPing, 0));
         c->out_pos = 0;
       }
     }
@@ -581,6 +588,9 @@ void HubTransport::Run() {
       uint64_t count = 0;
       ssize_t n = read(wake_fd, &count, sizeof count);
       (void)n;
+      // After the read (a wake-up written before it is taken by it) and before the queues are
+      // looked at again (whatever is queued after this wakes the thread anew).
+      wake_pending_.store(false);
     }
     for (size_t i = 0; i < polled.size(); ++i) {
       Conn& c = *polled[i];

@@ -8,14 +8,17 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "p2p/iotc.h"
@@ -28,8 +31,42 @@ using Clock = std::chrono::steady_clock;
 
 enum class OutKind : uint8_t { kControl, kVideo, kAudio, kRdt };
 
+// Bytes of outgoing messages. Growing a buffer leaves the new bytes unset (whoever grows it
+// writes them next), so a frame's bytes are written once, not zeroed first.
+template <class T>
+struct UnsetAllocator : std::allocator<T> {
+  template <class U>
+  struct rebind {
+    using other = UnsetAllocator<U>;
+  };
+  UnsetAllocator() = default;
+  template <class U>
+  UnsetAllocator(const UnsetAllocator<U>&) noexcept {}
+  template <class U>
+  void construct(U* p) noexcept {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <class U, class... Args>
+  void construct(U* p, Args&&... args) {
+    ::new (static_cast<void*>(p)) U(std::forward<Args>(args)...);
+  }
+};
+using OutBytes = std::vector<uint8_t, UnsetAllocator<uint8_t>>;
+
+// Appends n bytes (one copy; the element-wise copy of a range insert is avoided).
+inline void Append(OutBytes* out, const uint8_t* bytes, size_t n) {
+  const size_t at = out->size();
+  out->resize(at + n);
+  if (n > 0) std::memcpy(out->data() + at, bytes, n);
+}
+inline OutBytes ToOut(const std::vector<uint8_t>& bytes) {
+  OutBytes out;
+  Append(&out, bytes.data(), bytes.size());
+  return out;
+}
+
 struct OutMsg {
-  std::vector<uint8_t> bytes;
+  OutBytes bytes;
   OutKind kind = OutKind::kControl;
   uint8_t channel = 0;
 };
@@ -109,7 +146,7 @@ struct Conn {
   int sid = -1;
   uint64_t session_gen = 0;
   wire::Decoder decoder{wire::Reader::kHub};
-  std::vector<uint8_t> out;
+  OutBytes out;
   size_t out_pos = 0;
   bool shut = false;  // kLinger: write side already shut down
   Clock::time_point last_rx, last_tx, deadline;
@@ -137,7 +174,8 @@ class HubTransport {
   int ClientStart(int sid, const char* account, const char* password, unsigned timeout_s,
                   unsigned* serv_type, unsigned ch, int* resend);
   void StopChannel(int idx);
-  int SendFrame(int idx, OutKind kind, const char* data, int size, const void* info, int info_size);
+  int SendFrame(int idx, OutKind kind, int size, const void* info, int info_size,
+                avFrameFillFn fill, void* ctx);
   int SendIoCtrl(int idx, unsigned type, const char* data, int size);
   int RecvIoCtrl(int idx, unsigned* type, char* buf, int size, unsigned timeout_ms);
   int RecvAudio(int idx, char* buf, int size, char* info, int info_size, unsigned* frame_no);
@@ -164,8 +202,12 @@ class HubTransport {
   int ChannelFree(int sid, unsigned ch, uint64_t* gen) const;
   int AllocAv();
   void FreeAv(int idx);
-  void PushControl(Session& s, std::vector<uint8_t> bytes, uint8_t channel);
+  void PushControl(Session& s, const std::vector<uint8_t>& bytes, uint8_t channel);
   void DropMedia(Session& s, uint8_t channel, bool video, bool audio);
+  // Message buffers that went out, kept for the next frames so that a frame costs no allocation
+  // and touches no fresh page. Both under spare_mu_.
+  OutBytes TakeBuffer(size_t size);
+  void KeepBuffer(OutBytes buffer);
   void ResetSession(Session& s);
   void Wake();
   // RDT, with mu_ held (rdt.cpp).
@@ -175,7 +217,7 @@ class HubTransport {
   bool DeliverRdt(Session& s, const wire::Message& m, std::string* violation);
   // Moves RDT chunks into a write batch: one always, more while no media or control waits and
   // the batch has room.
-  void TakeRdt(Session& s, std::vector<uint8_t>* out, size_t batch);
+  void TakeRdt(Session& s, OutBytes* out, size_t batch);
 
   // Network thread (hubio.cpp).
   void Run();
@@ -212,6 +254,9 @@ class HubTransport {
   int av_capacity_ = 0;
   int av_next_ = 0;
   std::array<AvChannel, kAvCapacity> av_;
+  std::mutex spare_mu_;  // never held together with mu_
+  std::vector<OutBytes> spare_;
+  size_t spare_bytes_ = 0;
 
   // RDT state.
   bool rdt_initialized_ = false;
@@ -223,6 +268,7 @@ class HubTransport {
   bool stop_ = false;  // guarded by mu_
   int listen_fd_ = -1;
   int wake_fd_ = -1;
+  std::atomic<bool> wake_pending_{false};  // wake_fd_ written and not yet read
   std::vector<std::unique_ptr<Conn>> conns_;
 };
 

@@ -80,15 +80,16 @@ void HubTransport::ResetSession(Session& s) {
 }
 
 void HubTransport::Wake() {
-  if (wake_fd_ < 0) return;
+  // One wake-up until the network thread has taken it: it looks at every queue after that.
+  if (wake_fd_ < 0 || wake_pending_.exchange(true)) return;
   const uint64_t one = 1;
   ssize_t n = write(wake_fd_, &one, sizeof one);
   (void)n;
 }
 
-void HubTransport::PushControl(Session& s, std::vector<uint8_t> bytes, uint8_t channel) {
+void HubTransport::PushControl(Session& s, const std::vector<uint8_t>& bytes, uint8_t channel) {
   s.control_bytes += bytes.size();
-  s.control.push_back(OutMsg{std::move(bytes), OutKind::kControl, channel});
+  s.control.push_back(OutMsg{ToOut(bytes), OutKind::kControl, channel});
   Wake();
 }
 
@@ -444,44 +445,76 @@ void HubTransport::StopChannel(int idx) {
   cv_.notify_all();
 }
 
-int HubTransport::SendFrame(int idx, OutKind kind, const char* data, int size, const void* info,
-                            int info_size) {
+OutBytes HubTransport::TakeBuffer(size_t size) {
+  // The smallest spare that holds the message, else a new buffer.
+  size_t best = spare_.size();
+  for (size_t i = 0; i < spare_.size(); ++i) {
+    const size_t have = spare_[i].capacity();
+    if (have >= size && (best == spare_.size() || have < spare_[best].capacity())) best = i;
+  }
+  OutBytes out;
+  if (best < spare_.size()) {
+    out = std::move(spare_[best]);
+    spare_[best] = std::move(spare_.back());
+    spare_.pop_back();
+    spare_bytes_ -= out.capacity();
+  }
+  out.resize(size);
+  return out;
+}
+
+void HubTransport::KeepBuffer(OutBytes buffer) {
+  // Small buffers cost little to make; a spare never grows the kept total past its limit.
+  if (buffer.capacity() < 4096 || spare_.size() >= kSpareBuffers ||
+      spare_bytes_ + buffer.capacity() > kSpareBytes)
+    return;
+  spare_bytes_ += buffer.capacity();
+  spare_.push_back(std::move(buffer));
+}
+
+int HubTransport::SendFrame(int idx, OutKind kind, int size, const void* info, int info_size,
+                            avFrameFillFn fill, void* ctx) {
   const size_t max = kind == OutKind::kVideo ? wire::kMaxVideoData : wire::kMaxAudioData;
-  if (data == nullptr || size <= 0 || static_cast<size_t>(size) > max) return AV_ER_INVALID_ARG;
+  if (fill == nullptr || size <= 0 || static_cast<size_t>(size) > max) return AV_ER_INVALID_ARG;
   if (info_size < 0 || static_cast<size_t>(info_size) > wire::kMaxFrameInfo ||
       (info == nullptr && info_size > 0))
     return AV_ER_INVALID_ARG;
-  const size_t need = wire::kHeaderSize + 5 + info_size + size;
-  auto fits = [&](const Session& s) {
-    return s.media.size() < kMediaQueueFrames && s.media_bytes + need <= kMediaQueueBytes;
-  };
-  uint8_t ch = 0;
-  uint64_t av_gen = 0;
+  const size_t head = wire::FrameHeadBytes(static_cast<size_t>(info_size));
+  const size_t need = head + static_cast<size_t>(size);
+  // The frame is written without the tables' lock, into a spare buffer when there is one; the
+  // head (channel and number) is written when the frame is queued. A frame refused then (full
+  // queue, channel gone) was written in vain, which is rare and costs the caller only.
+  OutBytes bytes;
   {
-    std::lock_guard<std::mutex> lock(mu_);
-    if (int st = AvStatus(idx, true)) return st;
-    const AvChannel& a = av_[idx];
-    if (!fits(sessions_[a.sid])) return AV_ER_EXCEED_MAX_SIZE;
-    ch = a.channel;
-    av_gen = a.gen;
+    std::lock_guard<std::mutex> lock(spare_mu_);
+    bytes = TakeBuffer(need);
   }
-  // The copy is made without the lock; the number is filled in when the frame is queued.
-  const auto type = kind == OutKind::kVideo ? wire::MsgType::kVideo : wire::MsgType::kAudio;
-  std::vector<uint8_t> bytes =
-      wire::EncodeFrame(type, ch, 0, info, static_cast<size_t>(info_size), data, size);
-  std::lock_guard<std::mutex> lock(mu_);
-  if (int st = AvStatus(idx, true)) return st;
-  AvChannel& a = av_[idx];
-  if (a.gen != av_gen) return AV_ER_INVALID_SID;
-  Session& s = sessions_[a.sid];
-  if (!fits(s)) return AV_ER_EXCEED_MAX_SIZE;
-  const uint32_t number = kind == OutKind::kVideo ? a.video_no++ : a.audio_no++;
-  for (int i = 0; i < 4; ++i)
-    bytes[wire::kHeaderSize + i] = static_cast<uint8_t>(number >> (8 * i));
-  s.media_bytes += bytes.size();
-  s.media.push_back(OutMsg{std::move(bytes), kind, ch});
-  Wake();
-  return AV_ER_NoERROR;
+  int result = AV_ER_INVALID_ARG;
+  if (fill(ctx, bytes.data() + head, size) == 0) {
+    std::lock_guard<std::mutex> lock(mu_);
+    result = AvStatus(idx, true);
+    if (result == 0) {
+      AvChannel& a = av_[idx];
+      Session& s = sessions_[a.sid];
+      if (s.media.size() < kMediaQueueFrames && s.media_bytes + need <= kMediaQueueBytes) {
+        const uint32_t number = kind == OutKind::kVideo ? a.video_no++ : a.audio_no++;
+        const auto type = kind == OutKind::kVideo ? wire::MsgType::kVideo : wire::MsgType::kAudio;
+        wire::PutFrameHead(bytes.data(), type, a.channel, number, info,
+                           static_cast<size_t>(info_size), static_cast<size_t>(size));
+        // The network thread looks at a queue again as long as it is not empty; only an empty
+        // one needs the wake-up.
+        const bool idle = s.media.empty() && s.control.empty();
+        s.media_bytes += need;
+        s.media.push_back(OutMsg{std::move(bytes), kind, a.channel});
+        if (idle) Wake();
+        return AV_ER_NoERROR;
+      }
+      result = AV_ER_EXCEED_MAX_SIZE;
+    }
+  }
+  std::lock_guard<std::mutex> lock(spare_mu_);
+  KeepBuffer(std::move(bytes));
+  return result;
 }
 
 int HubTransport::SendIoCtrl(int idx, unsigned type, const char* data, int size) {
@@ -641,16 +674,33 @@ void avServStop(int nAVChannelID) {
   HubTransport::Get().StopChannel(nAVChannelID);
 }
 
+namespace {
+int CopyFrame(void* ctx, unsigned char* dst, int size) {
+  std::memcpy(dst, ctx, static_cast<size_t>(size));
+  return 0;
+}
+}  // namespace
+
 int avSendFrameData(int nAVChannelID, const char* cabFrameData, int nFrameDataSize,
                     const void* cabFrameInfo, int nFrameInfoSize) {
-  return HubTransport::Get().SendFrame(nAVChannelID, p2p::OutKind::kVideo, cabFrameData,
-                                       nFrameDataSize, cabFrameInfo, nFrameInfoSize);
+  if (cabFrameData == nullptr) return AV_ER_INVALID_ARG;
+  return HubTransport::Get().SendFrame(nAVChannelID, p2p::OutKind::kVideo, nFrameDataSize,
+                                       cabFrameInfo, nFrameInfoSize, CopyFrame,
+                                       const_cast<char*>(cabFrameData));
+}
+
+int avSendFrameDataFill(int nAVChannelID, int nFrameDataSize, const void* cabFrameInfo,
+                        int nFrameInfoSize, avFrameFillFn pfxFill, void* pContext) {
+  return HubTransport::Get().SendFrame(nAVChannelID, p2p::OutKind::kVideo, nFrameDataSize,
+                                       cabFrameInfo, nFrameInfoSize, pfxFill, pContext);
 }
 
 int avSendAudioData(int nAVChannelID, const char* cabAudioData, int nAudioDataSize,
                     const void* cabFrameInfo, int nFrameInfoSize) {
-  return HubTransport::Get().SendFrame(nAVChannelID, p2p::OutKind::kAudio, cabAudioData,
-                                       nAudioDataSize, cabFrameInfo, nFrameInfoSize);
+  if (cabAudioData == nullptr) return AV_ER_INVALID_ARG;
+  return HubTransport::Get().SendFrame(nAVChannelID, p2p::OutKind::kAudio, nAudioDataSize,
+                                       cabFrameInfo, nFrameInfoSize, CopyFrame,
+                                       const_cast<char*>(cabAudioData));
 }
 
 int avSendIOCtrl(int nAVChannelID, unsigned int nIOCtrlType, const char* cabIOCtrlData,

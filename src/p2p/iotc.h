@@ -141,6 +141,13 @@ int avSendFrameData(int nAVChannelID, const char* cabFrameData, int nFrameDataSi
                     const void* cabFrameInfo, int nFrameInfoSize);
 int avSendAudioData(int nAVChannelID, const char* cabAudioData, int nAudioDataSize,
                     const void* cabFrameInfo, int nFrameInfoSize);
+// avSendFrameData without the caller's copy: fill writes the nFrameDataSize bytes of the frame
+// straight into the queued message (it runs on the caller's thread, without any transport lock)
+// and returns 0, or nonzero to give the frame up; nothing is queued then and AV_ER_INVALID_ARG
+// is returned.
+typedef int (*avFrameFillFn)(void* pContext, unsigned char* pDst, int nSize);
+int avSendFrameDataFill(int nAVChannelID, int nFrameDataSize, const void* cabFrameInfo,
+                        int nFrameInfoSize, avFrameFillFn pfxFill, void* pContext);
 // Queues one I/O-control message (0..1024 bytes). Never waits. 0 or a negative code.
 int avSendIOCtrl(int nAVChannelID, unsigned int nIOCtrlType, const char* cabIOCtrlData,
                  int nIOCtrlDataSize);

@@ -171,7 +171,7 @@ int HubTransport::RdtWrite(int id, const char* data, int size) {
     while (r.credit > 0 && done < total) {
       const size_t n = std::min({static_cast<size_t>(r.credit), wire::kMaxRdtData, total - done});
       s.rdt.push_back(
-          OutMsg{wire::EncodeRdtData(r.channel, data + done, n), OutKind::kRdt, r.channel});
+          OutMsg{ToOut(wire::EncodeRdtData(r.channel, data + done, n)), OutKind::kRdt, r.channel});
       s.rdt_queued[r.channel] += static_cast<uint32_t>(n);
       r.credit -= static_cast<uint32_t>(n);
       done += n;
@@ -244,8 +244,8 @@ int HubTransport::RdtEnd(int id, bool abort) {
       PushControl(s, wire::EncodeRdtClose(ch, {wire::kRdtCloseAbort, r.token}), ch);
     } else {
       // Behind the channel's data, so the viewer reads all of it before the end.
-      s.rdt.push_back(
-          OutMsg{wire::EncodeRdtClose(ch, {wire::kRdtCloseExit, r.token}), OutKind::kRdt, ch});
+      s.rdt.push_back(OutMsg{ToOut(wire::EncodeRdtClose(ch, {wire::kRdtCloseExit, r.token})),
+                             OutKind::kRdt, ch});
       Wake();
     }
   }
@@ -356,7 +356,7 @@ bool HubTransport::DeliverRdt(Session& s, const wire::Message& m, std::string* v
   return violation->empty();
 }
 
-void HubTransport::TakeRdt(Session& s, std::vector<uint8_t>* out, size_t batch) {
+void HubTransport::TakeRdt(Session& s, OutBytes* out, size_t batch) {
   bool first = true;
   while (!s.rdt.empty()) {
     OutMsg& m = s.rdt.front();
@@ -364,7 +364,7 @@ void HubTransport::TakeRdt(Session& s, std::vector<uint8_t>* out, size_t batch) 
       break;
     if (IsRdtData(m))
       s.rdt_queued[m.channel] -= static_cast<uint32_t>(m.bytes.size() - wire::kHeaderSize);
-    out->insert(out->end(), m.bytes.begin(), m.bytes.end());
+    Append(out, m.bytes.data(), m.bytes.size());
     s.rdt.pop_front();
     ++s.tx;
     first = false;

@@ -22,9 +22,17 @@ constexpr int kAvCapacity = 64;
 
 // Send queue of one session. Video and audio frames share the media budget; I/O-control
 // messages, login answers and channel notices use the control budget and go out first.
-constexpr size_t kMediaQueueBytes = 3 * 1024 * 1024;
+// The media budget holds the largest frame a camera can send (63 pieces of 16 KiB, 1008 KiB,
+// encrypted: 1032 KiB as a message), so a key frame always fits, and 512 KiB more: a few
+// seconds of a 1080p15 stream (2.5 s at 1.6 Mbit/s). A viewer further behind than that loses its
+// queued video and starts again at the next key frame. The frame count bounds the small
+// messages (audio packets): 256 are about 8 s of video and audio together.
+constexpr size_t kMediaQueueBytes = 1536 * 1024;
 constexpr size_t kMediaQueueFrames = 256;
 constexpr size_t kControlQueueBytes = 256 * 1024;
+// Sent message buffers the transport keeps for the next frames (all sessions together).
+constexpr size_t kSpareBuffers = 16;
+constexpr size_t kSpareBytes = 2 * 1024 * 1024;
 constexpr size_t kControlQueueMessages = 128;
 
 // Receive queues of one AV channel on the hub. I/O-control messages beyond the limit are

@@ -322,6 +322,21 @@ std::vector<uint8_t> EncodeFrame(MsgType type, uint8_t channel, uint32_t number,
   return out;
 }
 
+void PutFrameHead(uint8_t* out, MsgType type, uint8_t channel, uint32_t number, const void* info,
+                  size_t info_len, size_t len) {
+  const uint32_t payload = static_cast<uint32_t>(5 + info_len + len);
+  out[0] = kMagic0;
+  out[1] = kMagic1;
+  out[2] = static_cast<uint8_t>(type);
+  out[3] = channel;
+  for (int i = 0; i < 4; ++i) {
+    out[4 + i] = static_cast<uint8_t>(payload >> (8 * i));
+    out[8 + i] = static_cast<uint8_t>(number >> (8 * i));
+  }
+  out[12] = static_cast<uint8_t>(info_len);
+  if (info_len > 0) std::memcpy(out + 13, info, info_len);
+}
+
 std::vector<uint8_t> EncodeRdtOpen(uint8_t channel, const RdtOpen& o) {
   auto out = Start(MsgType::kRdtOpen, channel, 12);
   PutU32(&out, o.window);

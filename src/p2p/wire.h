@@ -154,6 +154,13 @@ std::vector<uint8_t> EncodeLoginResult(MsgType type, uint8_t channel, const Logi
 std::vector<uint8_t> EncodeIoCtrl(uint8_t channel, uint32_t type, const void* data, size_t len);
 std::vector<uint8_t> EncodeFrame(MsgType type, uint8_t channel, uint32_t number, const void* info,
                                  size_t info_len, const void* data, size_t len);
+// The part of a frame message before its data: FrameHeadBytes(info_len) bytes written to out,
+// for data of len bytes to follow.
+constexpr size_t FrameHeadBytes(size_t info_len) {
+  return kHeaderSize + 5 + info_len;
+}
+void PutFrameHead(uint8_t* out, MsgType type, uint8_t channel, uint32_t number, const void* info,
+                  size_t info_len, size_t len);
 std::vector<uint8_t> EncodeRdtOpen(uint8_t channel, const RdtOpen& o);
 std::vector<uint8_t> EncodeRdtCredit(uint8_t channel, uint32_t bytes);
 std::vector<uint8_t> EncodeRdtClose(uint8_t channel, const RdtClose& c);

@@ -39,7 +39,11 @@ void SyncFolder(const char* dir) {
 }  // namespace
 
 PirEvent::PirEvent(std::shared_ptr<camera::Camera> camera)
-    : camera_(std::move(camera)), frame_buf_(new uint8_t[kFrameBufferSize]()) {}
+    : camera_(std::move(camera)), frame_buf_(new uint8_t[kFrameBufferSize]) {
+  // Not zeroed: each slot a frame uses is written whole before the frame is read, so a recorder
+  // holds resident only the pages its camera's frames reach, not the whole megabyte.
+  std::memset(frame_buf_.get(), 0, video::kFrameHeaderBytes);
+}
 
 PirEvent::~PirEvent() {
   if (record_handle_ != nullptr) orump4_close_file_for_create(record_handle_);

@@ -18,10 +18,10 @@
 #include "core/configuration.h"
 #include "p2p/iotc.h"
 #include "p2p/transport.h"
-#include "viewer/p2pviewer.h"
 #include "p2p/wire.h"
 #include "support/logcapture.h"
 #include "support/testsupport.h"
+#include "viewer/p2pviewer.h"
 
 namespace {
 
@@ -370,6 +370,73 @@ TEST_F(P2pTransport, FramesArriveIntactAndInOrder) {
             avSendFrameData(h.av, &one, static_cast<int>(p2p::wire::kMaxVideoData) + 1, &one, 1));
   EXPECT_EQ(AV_ER_INVALID_ARG, avSendFrameData(h.av, &one, 1, &one, 65));
   EXPECT_EQ(AV_ER_INVALID_ARG, avSendFrameData(h.av, nullptr, 1, &one, 1));
+}
+
+// The frame of a fill call: Pattern(size, seed) written into the transport's message, or a
+// refusal.
+struct PatternFill {
+  unsigned seed = 0;
+  bool refuse = false;
+  int calls = 0;
+};
+int FillPattern(void* context, unsigned char* dst, int size) {
+  auto* fill = static_cast<PatternFill*>(context);
+  fill->calls++;
+  if (fill->refuse) {
+    std::memset(dst, 0xAB, static_cast<size_t>(size));  // scribbles, then gives up
+    return -1;
+  }
+  const auto data = Pattern(static_cast<size_t>(size), fill->seed);
+  std::memcpy(dst, data.data(), data.size());
+  return 0;
+}
+
+TEST_F(P2pTransport, FilledFramesArriveAsWrittenAndAFailedFillQueuesNothing) {
+  p2p::Viewer v;
+  const HubSide h = Open(v);
+  // Alternating sizes make the kept buffers be reused for shorter and longer frames; a frame
+  // whose fill fails takes no number and leaves nothing behind in a buffer used later.
+  const size_t sizes[] = {150000, 20000, 150000, 70, 20001, 149999, 1};
+  unsigned sent = 0;
+  for (unsigned i = 0; i < 7; ++i) {
+    if (i == 3) {
+      PatternFill bad{99, true};
+      const auto info = Info(99);
+      EXPECT_EQ(AV_ER_INVALID_ARG,
+                avSendFrameDataFill(h.av, 5000, info.data(), 28, FillPattern, &bad));
+      EXPECT_EQ(1, bad.calls);
+    }
+    PatternFill fill{i, false};
+    const auto info = Info(i);
+    int r;
+    while ((r = avSendFrameDataFill(h.av, static_cast<int>(sizes[i]), info.data(), 28, FillPattern,
+                                    &fill)) == AV_ER_EXCEED_MAX_SIZE)
+      std::this_thread::sleep_for(1ms);
+    ASSERT_EQ(0, r);
+    sent++;
+    // Received before the next is sent, so the next reuses what this one went out in.
+    p2p::ViewerFrame f;
+    ASSERT_GE(v.RecvFrame(&f, kWait), 0);
+    EXPECT_TRUE(f.video);
+    EXPECT_EQ(i, f.number);
+    EXPECT_EQ(Info(i), f.info);
+    EXPECT_TRUE(Pattern(sizes[i], i) == f.data) << "frame " << i;
+  }
+  EXPECT_EQ(7u, sent);
+  // Arguments are checked before the fill is called.
+  PatternFill unused;
+  const char one = 1;
+  EXPECT_EQ(AV_ER_INVALID_ARG, avSendFrameDataFill(h.av, 0, &one, 1, FillPattern, &unused));
+  EXPECT_EQ(AV_ER_INVALID_ARG,
+            avSendFrameDataFill(h.av, static_cast<int>(p2p::wire::kMaxVideoData) + 1, &one, 1,
+                                FillPattern, &unused));
+  EXPECT_EQ(AV_ER_INVALID_ARG, avSendFrameDataFill(h.av, 10, &one, 65, FillPattern, &unused));
+  EXPECT_EQ(AV_ER_INVALID_ARG, avSendFrameDataFill(h.av, 10, &one, 1, nullptr, &unused));
+  EXPECT_EQ(0, unused.calls);
+  // A closed channel: the written frame is not queued.
+  avServStop(h.av);
+  PatternFill late{7, false};
+  EXPECT_NE(0, avSendFrameDataFill(h.av, 10, &one, 1, FillPattern, &late));
 }
 
 TEST_F(P2pTransport, AViewerThatReadsNothingFillsOnlyItsOwnQueueAndResetEmptiesIt) {
