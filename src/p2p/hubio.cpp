@@ -496,8 +496,15 @@ bool HubTransport::WriteConn(Conn& c, Clock::time_point now) {
     const ssize_t n = send(c.fd, c.out.data() + c.out_pos, c.out.size() - c.out_pos, MSG_NOSIGNAL);
     if (n < 0) {
       if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return true;
+      const std::string why = std::string("send failed: ") + strerror(errno);
+      // A viewer that said goodbye and closed with our bytes unread resets the connection: its
+      // goodbye is still in the receive queue, so it is read before the session counts as lost.
+      for (int i = 0; i < 64 && c.fd >= 0 && c.phase == Conn::kSession; ++i) {
+        if (!ReadConn(c, now)) return false;
+      }
+      if (c.fd < 0) return false;
       if (c.phase == Conn::kSession) {
-        Lose(c, std::string("send failed: ") + strerror(errno));
+        Lose(c, why);
       } else {
         CloseConn(c);
       }
