@@ -144,7 +144,8 @@ int avSendAudioData(int nAVChannelID, const char* cabAudioData, int nAudioDataSi
 // avSendFrameData without the caller's copy: fill writes the nFrameDataSize bytes of the frame
 // straight into the queued message (it runs on the caller's thread, without any transport lock)
 // and returns 0, or nonzero to give the frame up; nothing is queued then and AV_ER_INVALID_ARG
-// is returned.
+// is returned. The open transport's one call beyond the vendor API: over a vendor library it is
+// a buffer filled by fill and handed to avSendFrameData.
 typedef int (*avFrameFillFn)(void* pContext, unsigned char* pDst, int nSize);
 int avSendFrameDataFill(int nAVChannelID, int nFrameDataSize, const void* cabFrameInfo,
                         int nFrameInfoSize, avFrameFillFn pfxFill, void* pContext);
