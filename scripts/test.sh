@@ -15,7 +15,7 @@ bash scripts/install-deps.sh
 stages=("$@")
 [ ${#stages[@]} -eq 0 ] && stages=(normal asan tsan cross)
 jobs=$(nproc)
-fuzz_seconds=${TARVO_FUZZ_SECONDS:-20}
+fuzz_seconds=${TARVO_FUZZ_SECONDS:-15}
 ctest_args=(--output-on-failure --no-tests=error -j "$jobs" --timeout 300)
 
 configure() {  # dir, extra cmake args...
