@@ -585,16 +585,5 @@ int main(int argc, char** argv) {
       failed = true;
     }
   }
-  if (rc != 0) {
-    std::fprintf(stderr, "lost %s (%d)\n", viewer::CodeName(rc).c_str(), rc);
-    return 1;
-  }
-  if (args.abort) {
-    session.Abort();
-    say("aborted");
-  } else {
-    session.Close();
-    say("closed");
-  }
-  return failed ? 1 : 0;
+  return EndSession(session, args, say, rc, failed);
 }

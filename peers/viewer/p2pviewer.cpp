@@ -73,20 +73,6 @@ int ConnectTcp(const std::string& host, uint16_t port, Clock::time_point deadlin
   return fd;
 }
 
-// The RDT code of a session that has ended with an AV code.
-int SessionRdtCode(int status) {
-  switch (status) {
-    case 0:
-      return 0;
-    case AV_ER_SESSION_CLOSE_BY_REMOTE:
-      return RDT_ER_SESSION_CLOSE_BY_REMOTE;
-    case AV_ER_REMOTE_TIMEOUT_DISCONNECT:
-      return RDT_ER_REMOTE_TIMEOUT_DISCONNECT;
-    default:
-      return RDT_ER_SESSION_CLOSED;
-  }
-}
-
 }  // namespace
 
 Viewer::~Viewer() {
@@ -353,7 +339,7 @@ bool Viewer::HandleRdt(const wire::Message& m) {
 int Viewer::RdtCode(int id, uint64_t gen) const {
   const RdtEnd& r = rdt_[id];
   if (r.gen != gen || r.state == RdtEnd::kNone) return RDT_ER_LOCAL_ABORT;
-  return status_ == 0 ? r.remote_end : SessionRdtCode(status_);
+  return status_ == 0 ? r.remote_end : RdtCodeOfSession(status_);
 }
 
 int Viewer::RdtCreate(uint8_t channel, int timeout_ms) {
@@ -362,7 +348,7 @@ int Viewer::RdtCreate(uint8_t channel, int timeout_ms) {
   wire::RdtOpen open{kRdtWindow, 0, 0};
   {
     std::lock_guard<std::mutex> lock(mu_);
-    if (status_ != 0) return SessionRdtCode(status_);
+    if (status_ != 0) return RdtCodeOfSession(status_);
     RdtEnd& r = rdt_[channel];
     if (r.state != RdtEnd::kNone) return RDT_ER_CHANNEL_OCCUPIED;
     r.state = RdtEnd::kConnecting;

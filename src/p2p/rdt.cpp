@@ -24,8 +24,13 @@ namespace {
 // the reader is still busy with the rest.
 constexpr uint32_t kCreditStep = kRdtWindow / 8;
 
-// The RDT code of a session's AV status.
-int SessionCode(int av_status) {
+bool IsRdtData(const OutMsg& m) {
+  return m.bytes.size() > 2 && m.bytes[2] == static_cast<uint8_t>(wire::MsgType::kRdtData);
+}
+
+}  // namespace
+
+int RdtCodeOfSession(int av_status) {
   switch (av_status) {
     case 0:
       return 0;
@@ -38,17 +43,11 @@ int SessionCode(int av_status) {
   }
 }
 
-bool IsRdtData(const OutMsg& m) {
-  return m.bytes.size() > 2 && m.bytes[2] == static_cast<uint8_t>(wire::MsgType::kRdtData);
-}
-
-}  // namespace
-
 int HubTransport::RdtState(int id, uint64_t gen) const {
   if (!rdt_initialized_) return RDT_ER_NOT_INITIALIZED;
   const RdtChannel& r = rdt_[id];
   if (r.gen != gen || r.state == RdtChannel::kFree) return RDT_ER_LOCAL_ABORT;
-  if (int st = SessionCode(SessionStatus(r.sid, r.session_gen))) return st;
+  if (int st = RdtCodeOfSession(SessionStatus(r.sid, r.session_gen))) return st;
   return r.remote_end;
 }
 
@@ -92,7 +91,7 @@ int HubTransport::RdtCreate(int sid, int timeout_ms, int ch) {
   if (!rdt_initialized_) return RDT_ER_NOT_INITIALIZED;
   Session& s = sessions_[sid];
   const uint64_t session_gen = s.gen;
-  if (int st = SessionCode(SessionStatus(sid, session_gen))) return st;
+  if (int st = RdtCodeOfSession(SessionStatus(sid, session_gen))) return st;
   // A channel is taken while an RDT end is bound to it or the last one's bytes are still queued.
   const bool draining =
       std::any_of(s.rdt.begin(), s.rdt.end(), [&](const OutMsg& m) { return m.channel == ch; });

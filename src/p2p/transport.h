@@ -63,6 +63,10 @@ struct LinkTimeouts {
   int linger_ms = 2000;
 };
 
+// The RDT code of a session that has ended with an AV code (0 while it is open); both ends of a
+// reliable transfer give the same codes.
+int RdtCodeOfSession(int av_status);
+
 // Sets the timing used by the next IOTC_Initialize2 and by viewers connecting afterwards.
 void SetLinkTimeouts(const LinkTimeouts& timeouts);
 LinkTimeouts GetLinkTimeouts();
