@@ -76,6 +76,16 @@ MODULES = {
                          ["sdcard_daemon_mt_test"]),
     "cloud/otapackage": (["src/cloud/otapackage.cpp"],
                          ["otapackage_test", "ota_download_mt_test"]),
+    "storage/sdcard": (["src/storage/sdcard.cpp"],
+                       ["storage_board_test", "sdcard_daemon_mt_test"]),
+    "media/playback": (["src/media/playbackmsg.cpp", "src/media/playback.cpp"],
+                       ["playback_media_test", "playback_threads_mt_test"]),
+    "media/orump4playlist": (["src/media/orump4playlist.cpp"],
+                             ["playback_threads_mt_test", "playback_media_test"]),
+    "media/filetransfer": (["src/media/filetransfer.cpp"], ["filetransfer_test"]),
+    "p2p/rdt": (["src/p2p/rdt.cpp"], ["rdt_transport_mt_test"]),
+    # Reached only by the playback programs end to end (a viewer playing through the daemon).
+    "server/playbacksend": (["src/server/playbacksend.cpp"], ["playback_mt_test"]),
     # Not in the default run (named with --module): the rest of the camera link.
     "camera/livechannel": (["src/camera/livechannel.cpp", "src/camera/livecommands.cpp"],
                            ["camera_channel_test", "camera_mt_test", "live_forward_mt_test"]),
