@@ -1,0 +1,157 @@
+// Talk-back through the hub: a viewer serves a talk-back channel over a real P2P session on
+// loopback, the media server of this process joins it on the viewer's start message and
+// forwards the audio frames to the viewer's camera. The camera is not connected, so each frame
+// that reaches its channel is logged as refused there: the lines count the forwarded frames.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "base/log.h"
+#include "p2p/client.h"
+#include "p2p/iotc.h"
+#include "p2p/transport.h"
+#include "server/iotypes.h"
+#include "server/mediaserver.h"
+#include "support/testsupport.h"
+#include "viewer/p2pviewer.h"
+
+namespace {
+
+using testsupport::WaitFor;
+
+const char kCam[] = "0A00000000A1";
+const char kUid[] = "TARVOTESTUID00000003";
+const char kPassword[] = "004217";
+constexpr int kWait = 10000;  // ms: only ever reached when something is wrong
+
+class ServerEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    board_ = std::make_unique<testsupport::TempDir>();
+    testsupport::MakeBoard(board_->path(), {"--force", "--camera", std::string(kCam)});
+    setenv("TARVO_ROOT", board_->path().c_str(), 1);
+    setenv("TARVO_HUB_IP", "127.0.0.1", 1);
+    setenv("TARVO_CAMERA_PORT", std::to_string(testsupport::FreePort()).c_str(), 1);
+    server = new server::MediaServer();  // lives as long as the process, as the daemon's does
+    ASSERT_EQ(0, server->Init());
+  }
+  static server::MediaServer* server;
+
+ private:
+  std::unique_ptr<testsupport::TempDir> board_;
+};
+server::MediaServer* ServerEnvironment::server = nullptr;
+const auto* const g_env = ::testing::AddGlobalTestEnvironment(new ServerEnvironment);
+
+class Talkback : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tlog::SetCaptureSink([this](int, const std::string& text) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      lines_.push_back(text);
+    });
+    p2p::SetLinkTimeouts(p2p::LinkTimeouts());
+    port_ = testsupport::FreePort();
+    IOTC_Set_Max_Session_Number(4);
+    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Initialize2(port_));
+    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Device_Login(kUid, nullptr, kPassword));
+    ASSERT_EQ(8, avInitialize(8));
+  }
+  void TearDown() override {
+    viewer_.Close();
+    avDeInitialize();
+    IOTC_DeInitialize();
+    tlog::SetCaptureSink({});
+  }
+
+  // A session of the viewer without any AV channel yet: the hub's session ID.
+  int Open() {
+    EXPECT_EQ(0, viewer_.Connect("127.0.0.1", port_, kUid, kPassword, kWait));
+    int sid = IOTC_ER_TIMEOUT;
+    WaitFor(
+        [&] {
+          sid = IOTC_Listen(100);
+          return sid != IOTC_ER_TIMEOUT;
+        },
+        std::chrono::milliseconds(kWait));
+    return sid;
+  }
+  void Handle(int sid, uint32_t type, std::vector<char> payload) {
+    payload.resize(1025, '\0');
+    ServerEnvironment::server->Handle_IOCTRL_Cmd(sid, 0, payload.data(), static_cast<int>(type));
+  }
+  size_t Count(const std::string& piece) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    size_t n = 0;
+    for (const auto& l : lines_) n += l.find(piece) != std::string::npos;
+    return n;
+  }
+
+  uint16_t port_ = 0;
+  p2p::Viewer viewer_;
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+// The hub's talk-back is its only AV channel of the session here, so it is AV index 0.
+TEST_F(Talkback, EveryFrameButEachTenthReachesTheCameraUntilTheViewerStops) {
+  const int sid = Open();
+  ASSERT_GE(sid, 0);
+  client::Client* client = ServerEnvironment::server->GetClient(sid);
+  ASSERT_NE(nullptr, client);
+  client->SetCamera(kCam);
+  ASSERT_EQ(0, viewer_.OpenTalkback(5));
+  Handle(sid, server::IOTYPE_USER_IPCAM_SPEAKERSTART, {5, 0, 0, 0});
+  ASSERT_EQ(0, viewer_.WaitTalkback(5, kWait));
+  EXPECT_EQ(1, client->talking());
+
+  const std::string refused = std::string("Camera ") + kCam + " tcp can't connected";
+  const std::vector<uint8_t> samples(160, 0x55);
+  const uint8_t info[16] = {0};
+  auto send = [&] {
+    return viewer_.SendAudio(5, info, sizeof info, samples.data(), samples.size()) == 0;
+  };
+  // Frames that come before the hub reads are cleared when it starts: one at a time until the
+  // first reaches the camera. Every frame sent until then is gone or forwarded.
+  int sent = 0;
+  while (Count(refused) == 0 && sent < 60) {
+    ASSERT_TRUE(send());
+    ++sent;
+    WaitFor([&] { return Count(refused) > 0; }, std::chrono::milliseconds(200));
+  }
+  ASSERT_EQ(1u, Count(refused));
+  // From now on every frame but those numbered 0, 10, 20, ... goes on, none is lost.
+  size_t expected = 1;
+  for (int number = sent; number < sent + 25; ++number) {
+    ASSERT_TRUE(send());
+    expected += number % 10 != 0;
+  }
+  EXPECT_TRUE(WaitFor([&] { return Count(refused) >= expected; }, std::chrono::milliseconds(kWait)))
+      << Count(refused) << " of " << expected;
+
+  Handle(sid, server::IOTYPE_USER_IPCAM_SPEAKERSTOP,
+         {'{', '"', 'm', 'a', 'c', '"', ':', '"', '0', 'A', '0',
+          '0', '0', '0', '0', '0', '0', '0', 'A', '1', '"', '}'});
+  EXPECT_EQ(0, client->talking());
+  // The hub leaves the channel: the viewer's frames are refused from then on.
+  EXPECT_TRUE(WaitFor(
+      [&] {
+        return viewer_.SendAudio(5, info, sizeof info, samples.data(), samples.size()) ==
+               AV_ER_CLIENT_NO_AVLOGIN;
+      },
+      std::chrono::milliseconds(kWait)));
+  EXPECT_EQ(expected, Count(refused));
+  if (HasFailure()) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& l : lines_) std::printf("%s\n", l.c_str());
+  }
+}
+
+}  // namespace
