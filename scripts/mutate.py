@@ -60,9 +60,9 @@ MODULES = {
                            ["hubauth_test", "crypto_mt_test", "sessions_mt_test"]),
     "crypto/hubauth": (["src/crypto/hubauth.cpp"], ["hubauth_test", "crypto_mt_test"]),
     "p2p/wire": (["src/p2p/wire.cpp"], ["p2p_wire_test", "p2p_transport_mt_test"]),
-    # Talk-back (the hub joining the viewer's channel) is exercised end to end only.
     "server/ioctrl": (["src/server/ioctrl.cpp"],
-                      ["ioctrl_test", "live_view_test:AMovedViewer|AClosedSession"]),
+                      ["ioctrl_test", "talkback_mt_test",
+                       "live_view_test:AMovedViewer|AClosedSession"]),
     "server/pairing": (["src/server/pairing.cpp"],
                        ["camsim_parts_test", "camera_link_mt_test", "camsim_mt_test"]),
     "cloud/mqttclient": (["src/cloud/mqttclient.cpp"],
@@ -82,7 +82,7 @@ MODULES = {
                        ["playback_media_test", "playback_threads_mt_test"]),
     "media/orump4playlist": (["src/media/orump4playlist.cpp"],
                              ["playback_threads_mt_test", "playback_media_test"]),
-    "media/filetransfer": (["src/media/filetransfer.cpp"], ["filetransfer_test"]),
+    "media/filetransfer": (["src/media/filetransfer.cpp"], ["filetransfer_mt_test"]),
     "p2p/rdt": (["src/p2p/rdt.cpp"], ["rdt_transport_mt_test"]),
     # Reached only by the playback programs end to end (a viewer playing through the daemon).
     "server/playbacksend": (["src/server/playbacksend.cpp"], ["playback_mt_test"]),

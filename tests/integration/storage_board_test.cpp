@@ -97,6 +97,14 @@ TEST_F(StorageBoard, StatusFollowsNodeMountAndFormatFlag) {
   char none[1] = {'x'};  // a room of no bytes: not even a terminator may be written
   EXPECT_EQ(GetSdCardRecordPath(none, 0), -1);
   EXPECT_EQ(none[0], 'x');
+  // Something else where the record folder belongs: refused with the line support reads.
+  std::filesystem::rename(path, std::string(path) + ".away");
+  WriteFile(path, "not a folder");
+  EXPECT_EQ(GetSdCardRecordPath(small, sizeof(small)), -1);
+  EXPECT_EQ(GetSdCardRecordPath(path, sizeof(path)), -1);
+  EXPECT_TRUE(log_.Has(": Create " + Root() + " dir failed$"));
+  std::filesystem::remove(Root());
+  std::filesystem::rename(Root() + ".away", Root());
 
   SetSdCardStatus(SDCARD_STATUS_FORMAT);
   EXPECT_EQ(SdCardIsFormat(), 1);
