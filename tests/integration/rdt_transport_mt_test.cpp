@@ -435,4 +435,28 @@ TEST_F(Rdt, DataBeyondTheWindowOrUnowedCreditEndsTheSession) {
   EXPECT_EQ(5, v.RdtRead(1, buf, sizeof buf, kWait));
 }
 
+TEST_F(Rdt, SixteenChannelsAtMostAndAnIdOutsideTheTableIsNoId) {
+  using p2p::kRdtCapacity;
+  testsupport::LogCapture log;
+  p2p::Viewer v;
+  const int sid = Open(v);
+  std::vector<int> ids;
+  for (uint8_t ch = 1; ch <= kRdtCapacity; ++ch) {
+    ids.push_back(Pair(v, sid, ch));
+    ASSERT_GE(ids.back(), 0);
+  }
+  EXPECT_EQ(RDT_ER_EXCEED_MAX_CHANNEL, RDT_Create(sid, 100, kRdtCapacity + 1));
+  EXPECT_TRUE(log.Has(": P2P session " + std::to_string(sid) + ": every RDT channel is in use$"));
+  char c = 0;
+  for (int bad : {-1, kRdtCapacity, kRdtCapacity + 1}) {
+    EXPECT_EQ(RDT_ER_INVALID_RDT_ID, RDT_Read(bad, &c, 1, 0)) << bad;
+    EXPECT_EQ(RDT_ER_INVALID_RDT_ID, RDT_Write(bad, "x", 1)) << bad;
+    EXPECT_EQ(RDT_ER_INVALID_RDT_ID, RDT_Destroy(bad)) << bad;
+  }
+  // One freed, one more can be made.
+  ASSERT_EQ(0, RDT_Destroy(ids[0]));
+  EXPECT_EQ(0, v.RdtDestroy(1));
+  EXPECT_GE(Pair(v, sid, kRdtCapacity + 1), 0);
+}
+
 }  // namespace
