@@ -84,8 +84,7 @@ MODULES = {
                              ["playback_threads_mt_test", "playback_media_test"]),
     "media/filetransfer": (["src/media/filetransfer.cpp"], ["filetransfer_mt_test"]),
     "p2p/rdt": (["src/p2p/rdt.cpp"], ["rdt_transport_mt_test"]),
-    # Reached only by the playback programs end to end (a viewer playing through the daemon).
-    "server/playbacksend": (["src/server/playbacksend.cpp"], ["playback_mt_test"]),
+    "server/playbacksend": (["src/server/playbacksend.cpp"], ["playbacksend_mt_test"]),
     # Not in the default run (named with --module): the rest of the camera link.
     "camera/livechannel": (["src/camera/livechannel.cpp", "src/camera/livecommands.cpp"],
                            ["camera_channel_test", "camera_mt_test", "live_forward_mt_test"]),
