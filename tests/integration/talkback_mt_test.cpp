@@ -2,7 +2,12 @@
 // loopback, the media server of this process joins it on the viewer's start message and
 // forwards the audio frames to the viewer's camera. The camera is not connected, so each frame
 // that reaches its channel is logged as refused there: the lines count the forwarded frames.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -17,6 +22,7 @@
 #include "p2p/client.h"
 #include "p2p/iotc.h"
 #include "p2p/transport.h"
+#include "p2p/wire.h"
 #include "server/iotypes.h"
 #include "server/mediaserver.h"
 #include "support/testsupport.h"
@@ -152,6 +158,71 @@ TEST_F(Talkback, EveryFrameButEachTenthReachesTheCameraUntilTheViewerStops) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (const auto& l : lines_) std::printf("%s\n", l.c_str());
   }
+}
+
+// A peer may send what no viewer library does: an empty talk-back frame goes on like any other
+// and does not end talk-back.
+TEST_F(Talkback, AnEmptyFrameFromAHandDrivenPeerDoesNotEndTalkback) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_GE(fd, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port_);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a));
+  auto write = [fd](const std::vector<uint8_t>& bytes) {
+    return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  };
+  p2p::wire::Hello hello;
+  hello.uid = kUid;
+  hello.password = kPassword;
+  ASSERT_TRUE(write(p2p::wire::EncodeHello(hello)));
+  int sid = IOTC_ER_TIMEOUT;
+  WaitFor([&] { return (sid = IOTC_Listen(100)) != IOTC_ER_TIMEOUT; },
+          std::chrono::milliseconds(kWait));
+  ASSERT_GE(sid, 0);
+  client::Client* client = ServerEnvironment::server->GetClient(sid);
+  ASSERT_NE(nullptr, client);
+  client->SetCamera(kCam);
+  Handle(sid, server::IOTYPE_USER_IPCAM_SPEAKERSTART, {6, 0, 0, 0});
+  // The hub joins channel 6; the peer says yes.
+  p2p::wire::Decoder decoder(p2p::wire::Reader::kViewer);
+  bool joined = false;
+  while (!joined) {
+    p2p::wire::Message m;
+    while (!joined && decoder.Next(&m) == p2p::wire::Decoder::kMessage)
+      joined = m.type == static_cast<uint8_t>(p2p::wire::MsgType::kClientLogin) && m.channel == 6;
+    if (joined) break;
+    pollfd p{fd, POLLIN, 0};
+    ASSERT_EQ(1, poll(&p, 1, kWait));
+    uint8_t buf[4096];
+    const ssize_t n = recv(fd, buf, sizeof buf, 0);
+    ASSERT_GT(n, 0);
+    decoder.Feed(buf, static_cast<size_t>(n));
+  }
+  ASSERT_TRUE(write(p2p::wire::EncodeLoginResult(p2p::wire::MsgType::kClientLoginResult, 6, {})));
+
+  const std::string refused = std::string("Camera ") + kCam + " tcp can't connected";
+  const std::vector<uint8_t> samples(160, 0x55);
+  const uint8_t info[16] = {0};
+  uint32_t number = 1;
+  while (Count(refused) == 0 && number < 60) {
+    ASSERT_TRUE(write(p2p::wire::EncodeFrame(p2p::wire::MsgType::kAudio, 6, number++, info,
+                                             sizeof info, samples.data(), samples.size())));
+    WaitFor([&] { return Count(refused) > 0; }, std::chrono::milliseconds(200));
+  }
+  ASSERT_EQ(1u, Count(refused));
+  if (number % 10 == 0) ++number;  // neither of the next two is left out
+  if ((number + 1) % 10 == 0) number += 2;
+  ASSERT_TRUE(write(
+      p2p::wire::EncodeFrame(p2p::wire::MsgType::kAudio, 6, number++, info, sizeof info, "", 0)));
+  ASSERT_TRUE(write(p2p::wire::EncodeFrame(p2p::wire::MsgType::kAudio, 6, number++, info,
+                                           sizeof info, samples.data(), samples.size())));
+  EXPECT_TRUE(WaitFor([&] { return Count(refused) == 3; }, std::chrono::milliseconds(kWait)))
+      << Count(refused);
+  EXPECT_EQ(1, client->talking());
+  client->SetTalking(0);
+  close(fd);
 }
 
 }  // namespace
