@@ -281,14 +281,24 @@ TEST_F(Download, ABusySessionIsRefusedAndAStoppedOrShortFileNeverEndsLikeAWholeO
       log_.Wait(": download for session [0-9]+ of .*/1700000060\\.mp4 ended after 2097152 "
                 "of 4194304 bytes, code: -1$"));
 
-  // Stopped while the hub still waits for the viewer's RDT end: the transfer ends once the
-  // session does.
+  // Stopped while the hub still waits for the viewer's RDT end: an end the viewer opens later
+  // gets nothing but the abort, and an end never opened is given up with the session.
   ASSERT_EQ(0, filetransfer_request(sid_, av_, Request(kCam, kEvent, "mp4", 5).c_str()));
+  ASSERT_EQ(0u, Answer().find("{\"result\":0,"));
+  EXPECT_EQ(0, filetransfer_stop(sid_));
+  EXPECT_EQ("", ReadAll(5, &code));
+  EXPECT_EQ(RDT_ER_REMOTE_ABORT, code);
+  EXPECT_TRUE(
+      log_.Wait(": download for session [0-9]+ of .*/1700000000\\.mp4 ended after 0 of "
+                "4194304 bytes \\(session closing\\)$"));
+  EXPECT_EQ(-1, filetransfer_stop(sid_));
+
+  ASSERT_EQ(0, filetransfer_request(sid_, av_, Request(kCam, kEvent, "mp4", 6).c_str()));
   ASSERT_EQ(0u, Answer().find("{\"result\":0,"));
   EXPECT_EQ(0, filetransfer_stop(sid_));
   const size_t mark = log_.Mark();
   viewer_.Close();
-  EXPECT_TRUE(log_.Wait("no RDT channel 5", mark));
+  EXPECT_TRUE(log_.Wait("no RDT channel 6", mark));
   // Nothing runs for the session any more; the call joins the ended thread.
   EXPECT_EQ(-1, filetransfer_stop(sid_));
 }
