@@ -44,9 +44,10 @@ struct Viewer {
   int video = 0;
   int audio = 0;
   std::vector<size_t> audio_sizes;
-  std::atomic<int> busy_left{0};     // answers kBusy this many times first
-  std::atomic<bool> gone{false};     // answers as a viewer that has left
-  std::atomic<bool> reading{false};  // a sender call is under way
+  std::vector<playback::Frame> video_frames;  // what each video frame said (data not kept)
+  std::atomic<int> busy_left{0};              // answers kBusy this many times first
+  std::atomic<bool> gone{false};              // answers as a viewer that has left
+  std::atomic<bool> reading{false};           // a sender call is under way
   std::atomic<bool> clip_removed{false};
   std::atomic<bool> sent_after_removal{false};
 
@@ -100,6 +101,7 @@ int Frame(int, const playback::Frame& f, bool video) {
   std::lock_guard<std::mutex> lock(g_viewer->mu);
   (video ? g_viewer->video : g_viewer->audio)++;
   if (!video) g_viewer->audio_sizes.push_back(f.size);
+  if (video) g_viewer->video_frames.push_back(f);
   g_viewer->changed.notify_all();
   return playback::kSent;
 }
@@ -181,6 +183,18 @@ TEST_F(PlayThreads, PlaysAtTheClipsPaceGivesBusyFramesAgainAndEndsWithTheEnd) {
   size_t audio_bytes = 0;
   for (size_t size : viewer_.audio_sizes) audio_bytes += size;
   EXPECT_EQ(kFrames * 533u, audio_bytes);
+  // Each video frame tells its place in the play, the clip's size and its time in the event.
+  ASSERT_EQ(static_cast<size_t>(kFrames), viewer_.video_frames.size());
+  for (size_t i = 0; i < viewer_.video_frames.size(); i++) {
+    const playback::Frame& f = viewer_.video_frames[i];
+    EXPECT_EQ(i, f.index);
+    EXPECT_EQ(1920, f.width);
+    EXPECT_EQ(1080, f.height);
+    const int64_t ms = int64_t{f.seconds} * 1000 + f.milliseconds;
+    const int64_t due = int64_t{kStart} * 1000 + static_cast<int64_t>(i) * 1000 / 15;
+    EXPECT_NEAR(due, ms, 1) << i;  // 15 frames a second, within the clip's rounding
+  }
+  EXPECT_TRUE(viewer_.video_frames[0].key);
   EXPECT_EQ((std::vector<PlayState>{PlayState::kStarted, PlayState::kEnd}), viewer_.states);
   EXPECT_TRUE(WaitForStop(0));  // the thread ends right after its last word
 }
