@@ -18,6 +18,7 @@
 #include "p2p/iotc.h"
 #include "server/mediaserver.h"
 #include "server/playbacksend.h"
+#include "support/logcapture.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
 #include "viewer/viewerframe.h"
@@ -146,6 +147,22 @@ TEST_F(PlaybackSend, FramesAndMessagesReachTheViewerEncryptedAndDescribed) {
     EXPECT_EQ(f.milliseconds, info.milliseconds);
   }
 
+  // A frame without a start code lists no unit: it still goes out whole, and that is logged.
+  testsupport::LogCapture log;
+  const Bytes odd(500, 0x41);
+  playback::Frame o;
+  o.data = odd.data();
+  o.size = odd.size();
+  ASSERT_EQ(playback::kSent, server::PlaybackSendVideo(sid_, o));
+  {
+    bool video = false;
+    Bytes plain;
+    viewer::FrameInfo info;
+    ASSERT_TRUE(Receive(&video, &plain, &info));
+    EXPECT_TRUE(plain == odd);
+  }
+  EXPECT_EQ(1, log.Count(": playback: get nalu info before encrypto fail!$"));
+
   const Bytes alaw(320, 0xD5);
   playback::Frame a;
   a.data = alaw.data();
@@ -184,7 +201,10 @@ TEST_F(PlaybackSend, ABusyViewerIsToldBusyAndWhatCannotGoOutIsRefused) {
   playback::Frame big = v;
   big.data = huge.data();
   big.size = huge.size();
+  testsupport::LogCapture log;
   EXPECT_EQ(AV_ER_INVALID_ARG, server::PlaybackSendVideo(sid_, big));
+  EXPECT_TRUE(
+      log.Has(": Playback frame of " + std::to_string(huge.size()) + " bytes is too large$"));
   const Bytes loud(kAudioWorkCapacity + 1, 0xD5);
   playback::Frame long_audio = a;
   long_audio.data = loud.data();
