@@ -112,6 +112,7 @@ class PlaybackSend : public ::testing::Test {
 };
 
 TEST_F(PlaybackSend, FramesAndMessagesReachTheViewerEncryptedAndDescribed) {
+  testsupport::LogCapture log;
   const Bytes message = {1, 2, 3, 4, 5};
   EXPECT_EQ(playback::kSent, server::PlaybackSendCommand(sid_, 0x200, message.data(), 5));
   p2p::ViewerIoCtrl io;
@@ -147,8 +148,8 @@ TEST_F(PlaybackSend, FramesAndMessagesReachTheViewerEncryptedAndDescribed) {
     EXPECT_EQ(f.milliseconds, info.milliseconds);
   }
 
-  // A frame without a start code lists no unit: it still goes out whole, and that is logged.
-  testsupport::LogCapture log;
+  // A frame without a start code lists no unit: it still goes out whole, and that (only that)
+  // is logged.
   const Bytes odd(500, 0x41);
   playback::Frame o;
   o.data = odd.data();
