@@ -1,5 +1,5 @@
-// Talk-back through the hub: a viewer serves a talk-back channel over a real P2P session on
-// loopback, the media server of this process joins it on the viewer's start message and
+// Talk-back and live stop through the hub on a real P2P session on loopback. A viewer serves a
+// talk-back channel, the media server of this process joins it on the viewer's start message and
 // forwards the audio frames to the viewer's camera. The camera is not connected, so each frame
 // that reaches its channel is logged as refused there: the lines count the forwarded frames.
 #include <arpa/inet.h>
@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -89,9 +90,9 @@ class Talkback : public ::testing::Test {
         std::chrono::milliseconds(kWait));
     return sid;
   }
-  void Handle(int sid, uint32_t type, std::vector<char> payload) {
+  void Handle(int sid, uint32_t type, std::vector<char> payload, int av = 0) {
     payload.resize(1025, '\0');
-    ServerEnvironment::server->Handle_IOCTRL_Cmd(sid, 0, payload.data(), static_cast<int>(type));
+    ServerEnvironment::server->Handle_IOCTRL_Cmd(sid, av, payload.data(), static_cast<int>(type));
   }
   size_t Count(const std::string& piece) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -223,6 +224,39 @@ TEST_F(Talkback, AnEmptyFrameFromAHandDrivenPeerDoesNotEndTalkback) {
   EXPECT_EQ(1, client->talking());
   client->SetTalking(0);
   close(fd);
+}
+
+// Live stop takes back what the hub still holds for the viewer: the frames queued behind a
+// viewer that stopped reading are dropped, not delivered after the stop.
+TEST_F(Talkback, ALiveStopDropsTheFramesTheViewerHasNotBeenSent) {
+  const int sid = Open();
+  ASSERT_GE(sid, 0);
+  auto login = std::async(std::launch::async, [&] { return viewer_.Login("v", "x", kWait); });
+  int resend = -1;
+  const int av = avServStart3(
+      sid, [](char*, char*) { return 1; }, 15, 0, 0, &resend);
+  ASSERT_GE(av, 0);
+  ASSERT_EQ(0, login.get());
+  client::Client* client = ServerEnvironment::server->GetClient(sid);
+  ASSERT_NE(nullptr, client);
+  client->SetAvIndex(av);
+  // The viewer reads nothing: its library stops taking frames at its limit, the socket fills,
+  // then the hub's queue for it.
+  const std::vector<char> frame(100000, 0x41);
+  const uint8_t info[28] = {0x4E};
+  int queued = 0;
+  for (int rc = 0; rc == 0 && queued < 10000;) {
+    rc = avSendFrameData(av, frame.data(), static_cast<int>(frame.size()), info, sizeof info);
+    if (rc == 0) ++queued;
+  }
+  ASSERT_LT(queued, 10000);
+  std::string stop = std::string("{\"mac\":\"") + kCam + "\"}";
+  Handle(sid, 0x2FF, std::vector<char>(stop.begin(), stop.end()), av);
+  int delivered = 0;
+  p2p::ViewerFrame f;
+  while (viewer_.RecvFrame(&f, 500) >= 0) ++delivered;
+  EXPECT_LT(delivered, queued);
+  client->SetAvIndex(-1);
 }
 
 }  // namespace
