@@ -15,12 +15,13 @@
 #include <vector>
 
 #include "camsim/camsim.h"
-#include "camsim/camsimarp.h"
 #include "cloudsim/cloudsim.h"
 #include "p2p/iotc.h"
 #include "platform/board.h"
 #include "server/iotypes.h"
 #include "support/broker.h"
+#include "support/heldviewer.h"
+#include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
@@ -82,13 +83,8 @@ class Download : public ::testing::Test {
     agent.credentials_file = Credentials();
     agent_ = broker_.StartAgent(agent);
     ASSERT_NE(nullptr, agent_);
-    agent_->SendLocalStatus("cloud_connected");
-    ASSERT_NE("", daemon_->WaitForLine("first report tutk info ok$", 30s));
-    ASSERT_TRUE(WaitFor([&] {
-      viewer::Credentials c;
-      return viewer::ReadCredentialsFile(Credentials(), &c) == 0 &&
-             c.password == daemon_->LastMatch("MakeNewAvPass: ([0-9]{6})$");
-    }));
+    viewer::AppCredentials creds;
+    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, *agent_, Credentials(), &creds));
     options_.port = testsupport::EnvPort(env_, "TARVO_P2P_PORT");
   }
 
@@ -150,24 +146,11 @@ class Download : public ::testing::Test {
 };
 
 TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
-  camsim::CameraConfig config;
-  config.mac = kCam;
-  config.ip = kIp;
-  config.video_file = testsupport::TestMedia("camera-1080p15.h264");
-  config.audio_file = testsupport::TestMedia("camera-8k.alaw");
-  std::string error;
-  ASSERT_EQ(0, camsim::SetArpEntry(board_.path(), kIp, kCam, &error)) << error;
-  camsim::HubEndpoint hub;
-  hub.ip = env_["TARVO_HUB_IP"];
-  hub.camera_port = testsupport::EnvPort(env_, "TARVO_CAMERA_PORT");
-  hub.pairing_port = testsupport::EnvPort(env_, "TARVO_PAIRING_PORT");
-  hub.wake_port = testsupport::EnvPort(env_, "TARVO_WAKE_PORT");
   camsim::Behaviour behaviour;
   behaviour.pir_stream = 60s;
-  camera_ = std::make_unique<camsim::Camera>(config, hub, behaviour);
-  ASSERT_EQ(0, camera_->Start(&error)) << error;
-  ASSERT_EQ(0, camera_->Connect(&error)) << error;
-  ASSERT_NE("", daemon_->WaitForLine("Camera " + std::string(kCam) + " login hardver: ", 30s));
+  camera_ =
+      testsupport::ConnectCamera(board_.path(), testsupport::CameraEndpoint(env_),
+                                 testsupport::TestMediaCamera(kCam, kIp), behaviour, *daemon_);
   ASSERT_EQ(0, camera_->RaisePir());
   ASSERT_NE("", daemon_->WaitForLine("Found a PIR event camera: ", 30s));
   const long t =

@@ -16,7 +16,6 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -29,12 +28,13 @@ extern "C" {
 
 #include "camera/frame.h"
 #include "camsim/camsim.h"
-#include "camsim/camsimarp.h"
 #include "cloudsim/cloudsim.h"
 #include "platform/board.h"
 #include "platform/uci.h"
 #include "server/iotypes.h"
 #include "support/broker.h"
+#include "support/heldviewer.h"
+#include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
@@ -123,40 +123,27 @@ struct Stored {
   }
 };
 
-// A viewer in this process: its session held on a thread of its own; every frame decrypted and
-// kept, every playback reply kept.
+// A viewer in this process that keeps every frame it decrypts and every playback reply.
 class Player {
  public:
-  ~Player() { Stop(); }
-
   int Open(const viewer::AppCredentials& creds, uint16_t port) {
-    viewer::SessionOptions options;
-    options.port = port;
-    int rc = session_.Connect(creds, options);
-    if (rc == 0) rc = session_.Login(creds, options);
+    const int rc = viewer_.Open(creds, port);
     if (rc != 0) return rc;
-    thread_ = std::thread([this] {
-      viewer::Handlers h;
-      h.frame = [this](const p2p::ViewerFrame& f) { Take(f); };
-      h.ioctrl = [this](const p2p::ViewerIoCtrl& m) {
-        std::lock_guard<std::mutex> lock(mu_);
-        messages_.push_back(m);
-        changed_.notify_all();
-      };
-      session_.Hold(std::chrono::steady_clock::time_point::max(), stop_, h);
-    });
+    viewer_.Read([this](bool video, const viewer::FrameInfo& info,
+                        Bytes plain) { Take(video, info, std::move(plain)); },
+                 [this](const p2p::ViewerIoCtrl& m) {
+                   std::lock_guard<std::mutex> lock(mu_);
+                   messages_.push_back(m);
+                   changed_.notify_all();
+                 });
     return 0;
   }
-  void Stop() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-  }
   void Close() {
-    Stop();
-    session_.Close();
+    viewer_.Stop();
+    viewer_.session().Close();
   }
 
-  int Send(uint32_t type, const std::string& payload) { return session_.SendIoCtrl(type, payload); }
+  int Send(uint32_t type, const std::string& payload) { return viewer_.Send(type, payload); }
   int Play(const std::string& mac, long start, int offset = 0) {
     Clear();
     return Send(server::IOTYPE_USER_IPCAM_RECORD_SEEKTIME,
@@ -233,19 +220,12 @@ class Player {
     std::lock_guard<std::mutex> lock(mu_);
     return audio_;
   }
-  int undecodable() const { return undecodable_.load(); }
+  int undecodable() const { return viewer_.undecodable(); }
 
  private:
-  void Take(const p2p::ViewerFrame& f) {
-    Bytes plain;
-    viewer::FrameInfo info;
-    if (viewer::ParseFrameInfo(f.info, &info) != 0 ||
-        viewer::DecryptFrame(f, session_.key(), &plain) != 0 || !info.encrypted) {
-      undecodable_++;
-      return;
-    }
+  void Take(bool video, const viewer::FrameInfo& info, Bytes plain) {
     std::lock_guard<std::mutex> lock(mu_);
-    if (f.video) {
+    if (video) {
       video_.push_back(std::move(plain));
       infos_.push_back(info);
     } else {
@@ -254,16 +234,13 @@ class Player {
     changed_.notify_all();
   }
 
-  viewer::Session session_;
-  std::thread thread_;
-  std::atomic<bool> stop_{false};
   std::mutex mu_;
   std::condition_variable changed_;
   std::vector<p2p::ViewerIoCtrl> messages_;
   std::vector<Bytes> video_;
   std::vector<viewer::FrameInfo> infos_;
   Bytes audio_;
-  std::atomic<int> undecodable_{0};
+  testsupport::HeldViewer viewer_;  // last: its thread ends before the rest goes
 };
 
 class Playback : public ::testing::Test {
@@ -279,30 +256,18 @@ class Playback : public ::testing::Test {
                                 std::to_string(kEventSeconds).c_str()));
     }
     const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
-    hub_.ip = env.at("TARVO_HUB_IP");
-    hub_.camera_port = testsupport::EnvPort(env, "TARVO_CAMERA_PORT");
-    hub_.pairing_port = testsupport::EnvPort(env, "TARVO_PAIRING_PORT");
-    hub_.wake_port = testsupport::EnvPort(env, "TARVO_WAKE_PORT");
+    hub_ = testsupport::CameraEndpoint(env);
     p2p_port_ = testsupport::EnvPort(env, "TARVO_P2P_PORT");
     ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
 
     creds_path_ = board_.path() + "/tmp/app-credentials";
     cloudsim::Options options;
-    options.host = "127.0.0.1";
-    options.port = broker_.port();
     options.board = board_.path();
     options.credentials_file = creds_path_;
     // URLs to a closed port: an event's upload fails at once, so the next event is not held up
     options.upload_base = "http://127.0.0.1:9/uploads";
-    agent_ = std::make_unique<cloudsim::CloudAgent>(options);
-    std::string error;
-    ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
-    agent_->SendLocalStatus("cloud_connected");
-    ASSERT_NE("", daemon_->WaitForLine("first report tutk info ok$", 30s));
-    ASSERT_TRUE(WaitFor([&] {
-      return viewer::LoadCredentials(creds_path_, &creds_, &error) == 0 &&
-             creds_.password == daemon_->LastMatch("MakeNewAvPass: ([0-9]{6})$");
-    }));
+    agent_ = broker_.StartAgent(options);
+    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, *agent_, creds_path_, &creds_));
   }
 
   void TearDown() override {
@@ -314,21 +279,11 @@ class Playback : public ::testing::Test {
   }
 
   camsim::Camera& NewCamera(const std::string& mac, const std::string& ip) {
-    camsim::CameraConfig config;
-    config.mac = mac;
-    config.ip = ip;
-    config.video_file = testsupport::TestMedia("camera-1080p15.h264");
-    config.audio_file = testsupport::TestMedia("camera-8k.alaw");
-    std::string error;
-    EXPECT_EQ(0, camsim::SetArpEntry(board_.path(), ip, mac, &error)) << error;
     camsim::Behaviour behaviour;
     behaviour.pir_stream = 60s;  // the hub ends the stream at the event's length
-    cameras_.push_back(std::make_unique<camsim::Camera>(config, hub_, behaviour));
-    camsim::Camera& camera = *cameras_.back();
-    EXPECT_EQ(0, camera.Start(&error)) << error;
-    EXPECT_EQ(0, camera.Connect(&error)) << error;
-    EXPECT_NE("", daemon_->WaitForLine("Camera " + mac + " login hardver: ", 20s));
-    return camera;
+    cameras_.push_back(testsupport::ConnectCamera(
+        board_.path(), hub_, testsupport::TestMediaCamera(mac, ip), behaviour, *daemon_));
+    return *cameras_.back();
   }
 
   // Both cameras record one motion event each; their start times.
