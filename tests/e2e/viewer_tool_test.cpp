@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "viewer/credentials.h"
 #include "support/broker.h"
 #include "support/testsupport.h"
-#include "viewer/credentials.h"
 
 namespace {
 
