@@ -4,7 +4,6 @@
 // in the test) fetching clip and snapshot over the session's reliable transfer. Then refusals of
 // bad requests, a second request during a running download, and sessions that end mid-transfer.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <map>
@@ -20,36 +19,30 @@
 #include "platform/board.h"
 #include "server/iotypes.h"
 #include "support/broker.h"
-#include "support/heldviewer.h"
 #include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
-#include "viewer/credentials.h"
+#include "support/viewers.h"
 #include "viewer/viewerdownload.h"
 #include "viewer/viewersession.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using testsupport::ExitCode;
 using testsupport::FileExists;
 using testsupport::Process;
 using testsupport::ReadFile;
-using testsupport::WaitFor;
 
 constexpr char kCam[] = "0A00000000D7";
 constexpr char kIp[] = "127.0.0.127";
 constexpr char kRecordRoot[] = "/mnt/mmcblk0p1/KELDA_RECORD_VIDEO";
 constexpr int kWait = 10000;
 
-int ExitCode(int status) {
-  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST(DownloadTool, HelpNamesTheOptionsAndBadArgumentsAreUsageErrors) {
   auto run = [](std::vector<std::string> args) {
-    args.insert(args.begin(), testsupport::BinPath("tarvo-viewer"));
-    auto p = std::make_unique<Process>(args, std::map<std::string, std::string>{});
+    auto p = testsupport::ViewerTool(args);
     const int code = ExitCode(p->Wait());
     std::string text;
     for (const auto& line : p->Lines()) text += line + "\n";
@@ -83,8 +76,9 @@ class Download : public ::testing::Test {
     agent.credentials_file = Credentials();
     agent_ = broker_.StartAgent(agent);
     ASSERT_NE(nullptr, agent_);
+    agent_->SendLocalStatus("cloud_connected");
     viewer::AppCredentials creds;
-    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, *agent_, Credentials(), &creds));
+    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, Credentials(), &creds));
     options_.port = testsupport::EnvPort(env_, "TARVO_P2P_PORT");
   }
 
@@ -162,11 +156,8 @@ TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
   const std::string jpeg = testsupport::EventPath(Root(), kCam, t, "jpeg");
   ASSERT_TRUE(FileExists(clip) && FileExists(jpeg));
 
-  auto tool = std::make_unique<Process>(
-      std::vector<std::string>{testsupport::BinPath("tarvo-viewer"), "--credentials", Credentials(),
-                               "--port", env_["TARVO_P2P_PORT"], "--download", kCam,
-                               std::to_string(t), out_.path()},
-      std::map<std::string, std::string>{});
+  auto tool = testsupport::ViewerTool(Credentials(), options_.port,
+                                      {"--download", kCam, std::to_string(t), out_.path()});
   EXPECT_EQ(0, ExitCode(tool->Wait()));
   const std::string clip_name = clip.substr(clip.rfind('/') + 1);
   const std::string jpeg_name = jpeg.substr(jpeg.rfind('/') + 1);
@@ -183,11 +174,8 @@ TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
                                          std::to_string(snapshot.size()) + " bytes",
                                      5s));
   // An event that is not on the card: the tool says so and exits 1.
-  auto missing = std::make_unique<Process>(
-      std::vector<std::string>{testsupport::BinPath("tarvo-viewer"), "--credentials", Credentials(),
-                               "--port", env_["TARVO_P2P_PORT"], "--download", kCam,
-                               std::to_string(t + 1), out_.path()},
-      std::map<std::string, std::string>{});
+  auto missing = testsupport::ViewerTool(Credentials(), options_.port,
+                                         {"--download", kCam, std::to_string(t + 1), out_.path()});
   EXPECT_EQ(1, ExitCode(missing->Wait()));
   EXPECT_TRUE(missing->HasLine("^error download: refused mp4 result -3$"));
 }

@@ -5,14 +5,12 @@
 // camera sent, the tool's MP4 is read by ffprobe, a viewer moves between cameras, talkback
 // reaches a camera, and a viewer that reads nothing never holds up the other.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <regex>
@@ -25,15 +23,16 @@
 #include "cloudsim/cloudsim.h"
 #include "server/ioctrl.h"
 #include "support/broker.h"
-#include "support/heldviewer.h"
 #include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/testsupport.h"
+#include "support/viewers.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
+using testsupport::ExitCode;
 using testsupport::Process;
 using testsupport::WaitFor;
 
@@ -41,10 +40,6 @@ const char kCamA[] = "0A00000000A1";
 const char kCamB[] = "0A00000000B2";
 const char kIpA[] = "127.0.0.121";
 const char kIpB[] = "127.0.0.122";
-
-int ExitCode(int status) {
-  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 Bytes ReadBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -133,8 +128,9 @@ class LiveView : public ::testing::Test {
     options.board = board_.path();
     options.credentials_file = creds_path_;
     agent_ = broker_.StartAgent(options);
+    agent_->SendLocalStatus("cloud_connected");
     // The file holds the password the hub uses now.
-    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, *agent_, creds_path_, &creds_));
+    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, creds_path_, &creds_));
   }
 
   void TearDown() override {
@@ -168,10 +164,7 @@ class LiveView : public ::testing::Test {
   }
 
   std::unique_ptr<Process> Viewer(const std::vector<std::string>& extra) {
-    std::vector<std::string> argv = {testsupport::BinPath("tarvo-viewer"), "--credentials",
-                                     creds_path_, "--port", std::to_string(p2p_port_)};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return std::make_unique<Process>(argv, std::map<std::string, std::string>{});
+    return testsupport::ViewerTool(creds_path_, p2p_port_, extra);
   }
 
   static bool Streaming(camsim::Camera& c, bool on) {

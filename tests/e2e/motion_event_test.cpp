@@ -28,17 +28,18 @@
 #include "platform/board.h"
 #include "platform/uci.h"
 #include "support/broker.h"
-#include "support/heldviewer.h"
 #include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
+#include "support/viewers.h"
 #include "support/webserver.h"
 #include "viewer/viewersession.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using testsupport::ExitCode;
 using testsupport::FileExists;
 using testsupport::ProbeFile;
 using testsupport::Process;
@@ -261,17 +262,17 @@ TEST_F(MotionEvent, ClockBefore2018RefusesAndWithoutCardTheEventStillUploads) {
 TEST_F(MotionEvent, AViewerStartingLiveViewForcesTheStopAndNothingIsStoredOrUploaded) {
   Start();
   Camera();
+  agent_->SendLocalStatus("cloud_connected");
   viewer::AppCredentials creds;
-  ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, *agent_,
-                                                 board_.path() + "/tmp/app-credentials", &creds));
+  ASSERT_TRUE(
+      testsupport::WaitForAppCredentials(*daemon_, board_.path() + "/tmp/app-credentials", &creds));
   Pir();
   ASSERT_TRUE(camera_->WaitUntil([](const camsim::Stats& s) { return s.video_frames >= 20; }));
-  Process viewer({testsupport::BinPath("tarvo-viewer"), "--credentials",
-                  board_.path() + "/tmp/app-credentials", "--port", env_["TARVO_P2P_PORT"],
-                  "--live", kCam, "--hold", "1"},
-                 {});
+  auto viewer = testsupport::ViewerTool(board_.path() + "/tmp/app-credentials",
+                                        testsupport::EnvPort(env_, "TARVO_P2P_PORT"),
+                                        {"--live", kCam, "--hold", "1"});
   ASSERT_TRUE(WaitLines("This is force stop pir event", 1));
-  EXPECT_EQ(0, viewer.Wait(20s));
+  EXPECT_EQ(0, viewer->Wait(20s));
   EXPECT_EQ(0, Lines("Pir frame count > "));
   EXPECT_EQ(0, Lines("Move .* pir event in sdcard"));
   EXPECT_EQ(0, Lines("start upload pir: "));

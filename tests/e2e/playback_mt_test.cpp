@@ -9,7 +9,6 @@
 // on.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 extern "C" {
@@ -33,11 +32,11 @@ extern "C" {
 #include "platform/uci.h"
 #include "server/iotypes.h"
 #include "support/broker.h"
-#include "support/heldviewer.h"
 #include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
+#include "support/viewers.h"
 #include "viewer/viewerframe.h"
 #include "viewer/viewerplay.h"
 #include "viewer/viewersession.h"
@@ -47,6 +46,7 @@ namespace {
 using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
 using playbackmsg::PlayState;
+using testsupport::ExitCode;
 using testsupport::Process;
 using testsupport::WaitFor;
 
@@ -56,10 +56,6 @@ const char kIpA[] = "127.0.0.131";
 const char kIpB[] = "127.0.0.132";
 constexpr char kRecordRoot[] = "/mnt/mmcblk0p1/KELDA_RECORD_VIDEO";
 constexpr int kEventSeconds = 4;
-
-int ExitCode(int status) {
-  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 // The stored clip as read straight from its samples: video with each 4-byte length replaced by a
 // start code, audio bytes with their times.
@@ -267,7 +263,8 @@ class Playback : public ::testing::Test {
     // URLs to a closed port: an event's upload fails at once, so the next event is not held up
     options.upload_base = "http://127.0.0.1:9/uploads";
     agent_ = broker_.StartAgent(options);
-    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, *agent_, creds_path_, &creds_));
+    agent_->SendLocalStatus("cloud_connected");
+    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, creds_path_, &creds_));
   }
 
   void TearDown() override {
@@ -389,22 +386,16 @@ TEST_F(Playback, ListsTheRecordedEventsAndPlaysThemFromZeroAndFromASeekByteForBy
   EXPECT_LT(p->Video().size(), Stored::Read(Clip(kCamA)).VideoCount());
 
   // the tool: the list and a play into files
-  auto list = std::make_unique<Process>(
-      std::vector<std::string>{testsupport::BinPath("tarvo-viewer"), "--credentials", creds_path_,
-                               "--port", std::to_string(p2p_port_), "--events", "all"},
-      std::map<std::string, std::string>{});
+  auto list = testsupport::ViewerTool(creds_path_, p2p_port_, {"--events", "all"});
   EXPECT_EQ(0, ExitCode(list->Wait(20s)));
   EXPECT_TRUE(
       list->HasLine("^event " + std::string(kCamA) + " " + std::to_string(start_[kCamA]) + " 4$"));
   EXPECT_TRUE(list->HasLine("^events 2$"));
   const std::string h264 = board_.path() + "/tmp/play.h264";
   const std::string mp4 = board_.path() + "/tmp/play.mp4";
-  auto play = std::make_unique<Process>(
-      std::vector<std::string>{testsupport::BinPath("tarvo-viewer"), "--credentials", creds_path_,
-                               "--port", std::to_string(p2p_port_), "--play", kCamB,
-                               std::to_string(start_[kCamB]), "--seek", "1", "--h264", h264,
-                               "--mp4", mp4},
-      std::map<std::string, std::string>{});
+  auto play = testsupport::ViewerTool(creds_path_, p2p_port_,
+                                      {"--play", kCamB, std::to_string(start_[kCamB]), "--seek",
+                                       "1", "--h264", h264, "--mp4", mp4});
   EXPECT_EQ(0, ExitCode(play->Wait(30s)));
   EXPECT_TRUE(play->HasLine("^play state end frames [0-9]+$"));
   std::vector<Bytes> video;
@@ -580,11 +571,8 @@ TEST_F(Playback, BadRequestsAreRefusedWithALogLineAndNothingIsOpened) {
   EXPECT_NE("", daemon_->WaitForLine("Close client sessionID: "));
 
   // the tool: its options documented, usage errors exit 2, a refused play exits 1
-  auto tool = [&](std::vector<std::string> args) {
-    std::vector<std::string> argv = {testsupport::BinPath("tarvo-viewer"), "--credentials",
-                                     creds_path_, "--port", std::to_string(p2p_port_)};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return std::make_unique<Process>(argv, std::map<std::string, std::string>{});
+  auto tool = [&](const std::vector<std::string>& args) {
+    return testsupport::ViewerTool(creds_path_, p2p_port_, args);
   };
   auto help = tool({"--help"});
   EXPECT_EQ(0, ExitCode(help->Wait()));

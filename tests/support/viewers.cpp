@@ -1,4 +1,4 @@
-#include "support/heldviewer.h"
+#include "support/viewers.h"
 
 #include <chrono>
 #include <utility>
@@ -39,17 +39,26 @@ void HeldViewer::Stop() {
   if (thread_.joinable()) thread_.join();
 }
 
-bool WaitForAppCredentials(Process& hub, cloudsim::CloudAgent& agent, const std::string& file,
-                           viewer::AppCredentials* creds) {
-  agent.SendLocalStatus("cloud_connected");
-  if (hub.WaitForLine("first report tutk info ok$", std::chrono::seconds(30)).empty()) {
-    return false;
-  }
+bool WaitForAppCredentials(Process& hub, const std::string& file, viewer::AppCredentials* creds) {
+  if (hub.WaitForLine("first report tutk info ok$", std::chrono::seconds(30)).empty()) return false;
   std::string error;
   return WaitFor([&] {
     return viewer::LoadCredentials(file, creds, &error) == 0 &&
            creds->password == hub.LastMatch("MakeNewAvPass: ([0-9]{6})$");
   });
+}
+
+std::unique_ptr<Process> ViewerTool(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {BinPath("tarvo-viewer")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return std::make_unique<Process>(argv, std::map<std::string, std::string>{});
+}
+
+std::unique_ptr<Process> ViewerTool(const std::string& credentials, uint16_t port,
+                                    const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"--credentials", credentials, "--port", std::to_string(port)};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return ViewerTool(argv);
 }
 
 }  // namespace testsupport

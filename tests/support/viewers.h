@@ -1,8 +1,5 @@
-// A viewer in the test's own process, as end-to-end tests run several of them beside the daemon:
-// a session logged in to the hub and held on a thread of its own once Read starts it. Every
-// frame is decrypted with the session's key and handed on with its information; one that does
-// not parse, does not decrypt or went out in the clear is only counted. The handlers run on the
-// viewer's thread; the owner stops the viewer before what they touch goes.
+// Viewers of a daemon under test: the credentials the cloud agent writes for them, the viewer
+// tool as a process, and viewers in the test's own process.
 #pragma once
 
 #include <atomic>
@@ -12,13 +9,28 @@
 #include <thread>
 #include <vector>
 
-#include "cloudsim/cloudsim.h"
+#include <memory>
+
 #include "support/testsupport.h"
 #include "viewer/viewerframe.h"
 #include "viewer/viewersession.h"
 
 namespace testsupport {
 
+// Waits until the agent's credentials file holds the P2P password the hub reported last (once
+// the cloud is connected); the credentials in *creds. False when that does not happen in time.
+bool WaitForAppCredentials(Process& hub, const std::string& file, viewer::AppCredentials* creds);
+
+// tarvo-viewer with args; with a credentials file and port, "--credentials FILE --port N" first.
+std::unique_ptr<Process> ViewerTool(const std::vector<std::string>& args);
+std::unique_ptr<Process> ViewerTool(const std::string& credentials, uint16_t port,
+                                    const std::vector<std::string>& args);
+
+// A viewer in this process, as tests run several of them beside the daemon: a session logged in
+// to the hub and held on a thread of its own once Read starts it. Every frame is decrypted with
+// the session's key and handed on with its information; one that does not parse, does not
+// decrypt or went out in the clear is only counted. The handlers run on the viewer's thread;
+// the owner stops the viewer before what they touch goes.
 class HeldViewer {
  public:
   using FrameHandler =
@@ -47,11 +59,5 @@ class HeldViewer {
   std::atomic<bool> stop_{false};
   std::atomic<int> undecodable_{0};
 };
-
-// Tells the hub through the agent that the cloud is connected, and waits until the agent's
-// credentials file holds the P2P password the hub reported last; the credentials in *creds.
-// False when either does not happen in time.
-bool WaitForAppCredentials(Process& hub, cloudsim::CloudAgent& agent, const std::string& file,
-                           viewer::AppCredentials* creds);
 
 }  // namespace testsupport
