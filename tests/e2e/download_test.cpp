@@ -6,23 +6,19 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "camsim/camsim.h"
-#include "cloudsim/cloudsim.h"
 #include "p2p/iotc.h"
 #include "platform/board.h"
 #include "server/iotypes.h"
-#include "support/broker.h"
-#include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
+#include "support/viewerhub.h"
 #include "support/viewers.h"
 #include "viewer/viewerdownload.h"
 #include "viewer/viewersession.h"
@@ -62,44 +58,21 @@ TEST(DownloadTool, HelpNamesTheOptionsAndBadArgumentsAreUsageErrors) {
   }
 }
 
-class Download : public ::testing::Test {
+class Download : public testsupport::ViewerHubTest {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(broker_.Start());
-    testsupport::MakeBoard(board_.path(),
-                           {"--card", "--force", "--camera", std::string(kCam) + "," + kIp});
+    MakeBoard({"--card", "--force", "--camera", std::string(kCam) + "," + kIp});
     platform::SetRootForTest(board_.path());
-    env_ = testsupport::HubEnv(board_.path(), broker_.Env());
-    ASSERT_TRUE(testsupport::StartHub(env_, &daemon_));
-    cloudsim::Options agent;
-    agent.board = board_.path();
-    agent.credentials_file = Credentials();
-    agent_ = broker_.StartAgent(agent);
-    ASSERT_NE(nullptr, agent_);
-    agent_->SendLocalStatus("cloud_connected");
-    viewer::AppCredentials creds;
-    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, Credentials(), &creds));
-    options_.port = testsupport::EnvPort(env_, "TARVO_P2P_PORT");
+    StartHub();
+    options_.port = p2p_port_;
   }
 
-  void TearDown() override {
-    if (camera_ != nullptr) camera_->Stop();
-    if (daemon_ != nullptr) {
-      EXPECT_FALSE(daemon_->HasLine("ERROR: (Address|Leak|Thread)Sanitizer|runtime error:"));
-      if (HasFailure()) daemon_->PrintLines("hub: ");
-    }
-  }
-
-  std::string Credentials() { return board_.path() + "/tmp/app-credentials"; }
   std::string Root() { return board_.path() + kRecordRoot; }
 
   // A viewer session, logged in.
   void Open(viewer::Session* s) {
-    viewer::AppCredentials c;
-    std::string error;
-    ASSERT_EQ(0, viewer::LoadCredentials(Credentials(), &c, &error)) << error;
-    ASSERT_EQ(0, s->Connect(c, options_));
-    ASSERT_EQ(0, s->Login(c, options_));
+    ASSERT_EQ(0, s->Connect(creds_, options_));
+    ASSERT_EQ(0, s->Login(creds_, options_));
   }
 
   // The hub's answer to a download request.
@@ -129,23 +102,15 @@ class Download : public ::testing::Test {
     return clip;
   }
 
-  testsupport::Broker broker_;
-  testsupport::TempDir board_;
   testsupport::TempDir out_;
-  std::map<std::string, std::string> env_;
-  std::unique_ptr<Process> daemon_;
-  std::unique_ptr<cloudsim::CloudAgent> agent_;
-  std::unique_ptr<camsim::Camera> camera_;
   viewer::SessionOptions options_;
 };
 
 TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
   camsim::Behaviour behaviour;
   behaviour.pir_stream = 60s;
-  camera_ =
-      testsupport::ConnectCamera(board_.path(), testsupport::CameraEndpoint(env_),
-                                 testsupport::TestMediaCamera(kCam, kIp), behaviour, *daemon_);
-  ASSERT_EQ(0, camera_->RaisePir());
+  camsim::Camera& camera = NewCamera(testsupport::TestMediaCamera(kCam, kIp), behaviour);
+  ASSERT_EQ(0, camera.RaisePir());
   ASSERT_NE("", daemon_->WaitForLine("Found a PIR event camera: ", 30s));
   const long t =
       std::atol(daemon_->LastMatch("Found a PIR event camera: \\w+ time: ([0-9]+)").c_str());
@@ -156,8 +121,7 @@ TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
   const std::string jpeg = testsupport::EventPath(Root(), kCam, t, "jpeg");
   ASSERT_TRUE(FileExists(clip) && FileExists(jpeg));
 
-  auto tool = testsupport::ViewerTool(Credentials(), options_.port,
-                                      {"--download", kCam, std::to_string(t), out_.path()});
+  auto tool = Viewer({"--download", kCam, std::to_string(t), out_.path()});
   EXPECT_EQ(0, ExitCode(tool->Wait()));
   const std::string clip_name = clip.substr(clip.rfind('/') + 1);
   const std::string jpeg_name = jpeg.substr(jpeg.rfind('/') + 1);
@@ -174,8 +138,7 @@ TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
                                          std::to_string(snapshot.size()) + " bytes",
                                      5s));
   // An event that is not on the card: the tool says so and exits 1.
-  auto missing = testsupport::ViewerTool(Credentials(), options_.port,
-                                         {"--download", kCam, std::to_string(t + 1), out_.path()});
+  auto missing = Viewer({"--download", kCam, std::to_string(t + 1), out_.path()});
   EXPECT_EQ(1, ExitCode(missing->Wait()));
   EXPECT_TRUE(missing->HasLine("^error download: refused mp4 result -3$"));
 }

@@ -20,12 +20,10 @@
 
 #include "camsim/camsim.h"
 #include "camsim/camsimmedia.h"
-#include "cloudsim/cloudsim.h"
 #include "server/ioctrl.h"
-#include "support/broker.h"
-#include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/testsupport.h"
+#include "support/viewerhub.h"
 #include "support/viewers.h"
 
 namespace {
@@ -104,7 +102,7 @@ class Watcher {
   testsupport::HeldViewer viewer_;  // last: its thread ends before the rest goes
 };
 
-class LiveView : public ::testing::Test {
+class LiveView : public testsupport::ViewerHubTest {
  protected:
   void SetUp() override {
     video_ = testsupport::TestMedia("camera-1080p15.h264");
@@ -114,31 +112,9 @@ class LiveView : public ::testing::Test {
     clip_ = camsim::VideoClip::Load(video_, &error);
     ASSERT_NE(nullptr, clip_) << error;
     synthetic_ = camsim::VideoClip::Synthetic();
-
-    ASSERT_TRUE(broker_.Start());
-    testsupport::MakeBoard(board_.path(), {"--force", "--camera", std::string(kCamA) + "," + kIpA,
-                                           "--camera", std::string(kCamB) + "," + kIpB});
-    const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
-    hub_ = testsupport::CameraEndpoint(env);
-    p2p_port_ = testsupport::EnvPort(env, "TARVO_P2P_PORT");
-    ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
-
-    creds_path_ = board_.path() + "/tmp/app-credentials";
-    cloudsim::Options options;
-    options.board = board_.path();
-    options.credentials_file = creds_path_;
-    agent_ = broker_.StartAgent(options);
-    agent_->SendLocalStatus("cloud_connected");
-    // The file holds the password the hub uses now.
-    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, creds_path_, &creds_));
-  }
-
-  void TearDown() override {
-    for (auto& c : cameras_) c->Stop();
-    if (HasFailure() && daemon_ != nullptr) {
-      daemon_->PrintLines("hub: ");
-      camera_log_.Print();
-    }
+    MakeBoard({"--force", "--camera", std::string(kCamA) + "," + kIpA, "--camera",
+               std::string(kCamB) + "," + kIpB});
+    StartHub();
   }
 
   int Lines(const std::string& pattern) { return daemon_->CountLines(pattern); }
@@ -151,9 +127,7 @@ class LiveView : public ::testing::Test {
     config.talk_file = talk_file;
     camsim::Behaviour behaviour;
     behaviour.awake_time = 0ms;  // streams and answers until told to sleep
-    cameras_.push_back(
-        testsupport::ConnectCamera(board_.path(), hub_, config, behaviour, *daemon_, &camera_log_));
-    return *cameras_.back();
+    return ViewerHubTest::NewCamera(config, behaviour);
   }
 
   std::unique_ptr<Watcher> NewWatcher() {
@@ -163,26 +137,12 @@ class LiveView : public ::testing::Test {
     return w;
   }
 
-  std::unique_ptr<Process> Viewer(const std::vector<std::string>& extra) {
-    return testsupport::ViewerTool(creds_path_, p2p_port_, extra);
-  }
-
   static bool Streaming(camsim::Camera& c, bool on) {
     return c.WaitUntil([on](const camsim::Stats& s) { return s.streaming == on; }, 20s);
   }
 
   std::string video_, audio_;
   std::shared_ptr<const camsim::VideoClip> clip_, synthetic_;
-  testsupport::Broker broker_;
-  testsupport::TempDir board_;
-  camsim::HubEndpoint hub_;
-  uint16_t p2p_port_ = 0;
-  std::unique_ptr<Process> daemon_;
-  std::unique_ptr<cloudsim::CloudAgent> agent_;
-  std::string creds_path_;
-  viewer::AppCredentials creds_;
-  testsupport::CameraLog camera_log_;
-  std::vector<std::unique_ptr<camsim::Camera>> cameras_;
 };
 
 // The value after `key ` in a line of the tool's output, or -1.

@@ -31,11 +31,10 @@ extern "C" {
 #include "platform/board.h"
 #include "platform/uci.h"
 #include "server/iotypes.h"
-#include "support/broker.h"
-#include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
+#include "support/viewerhub.h"
 #include "support/viewers.h"
 #include "viewer/viewerframe.h"
 #include "viewer/viewerplay.h"
@@ -239,48 +238,26 @@ class Player {
   testsupport::HeldViewer viewer_;  // last: its thread ends before the rest goes
 };
 
-class Playback : public ::testing::Test {
+class Playback : public testsupport::ViewerHubTest {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(broker_.Start());
-    testsupport::MakeBoard(board_.path(),
-                           {"--card", "--force", "--camera", std::string(kCamA) + "," + kIpA,
-                            "--camera", std::string(kCamB) + "," + kIpB});
+    MakeBoard({"--card", "--force", "--camera", std::string(kCamA) + "," + kIpA, "--camera",
+               std::string(kCamB) + "," + kIpB});
     platform::SetRootForTest(board_.path());
     for (const char* mac : {kCamA, kCamB}) {
       ASSERT_EQ(0, zcfg_uci_set(("p2p." + std::string(mac) + ".pir_duration").c_str(),
                                 std::to_string(kEventSeconds).c_str()));
     }
-    const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
-    hub_ = testsupport::CameraEndpoint(env);
-    p2p_port_ = testsupport::EnvPort(env, "TARVO_P2P_PORT");
-    ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
-
-    creds_path_ = board_.path() + "/tmp/app-credentials";
     cloudsim::Options options;
-    options.board = board_.path();
-    options.credentials_file = creds_path_;
     // URLs to a closed port: an event's upload fails at once, so the next event is not held up
     options.upload_base = "http://127.0.0.1:9/uploads";
-    agent_ = broker_.StartAgent(options);
-    agent_->SendLocalStatus("cloud_connected");
-    ASSERT_TRUE(testsupport::WaitForAppCredentials(*daemon_, creds_path_, &creds_));
-  }
-
-  void TearDown() override {
-    for (auto& c : cameras_) c->Stop();
-    if (daemon_ != nullptr) {
-      EXPECT_FALSE(daemon_->HasLine("ERROR: (Address|Leak|Thread)Sanitizer|runtime error:"));
-      if (HasFailure()) daemon_->PrintLines("hub: ");
-    }
+    StartHub(options);
   }
 
   camsim::Camera& NewCamera(const std::string& mac, const std::string& ip) {
     camsim::Behaviour behaviour;
     behaviour.pir_stream = 60s;  // the hub ends the stream at the event's length
-    cameras_.push_back(testsupport::ConnectCamera(
-        board_.path(), hub_, testsupport::TestMediaCamera(mac, ip), behaviour, *daemon_));
-    return *cameras_.back();
+    return ViewerHubTest::NewCamera(testsupport::TestMediaCamera(mac, ip), behaviour);
   }
 
   // Both cameras record one motion event each; their start times.
@@ -344,15 +321,6 @@ class Playback : public ::testing::Test {
     EXPECT_EQ(0, p.undecodable());
   }
 
-  testsupport::Broker broker_;
-  testsupport::TempDir board_;
-  camsim::HubEndpoint hub_;
-  uint16_t p2p_port_ = 0;
-  std::unique_ptr<Process> daemon_;
-  std::unique_ptr<cloudsim::CloudAgent> agent_;
-  std::string creds_path_;
-  viewer::AppCredentials creds_;
-  std::vector<std::unique_ptr<camsim::Camera>> cameras_;
   std::map<std::string, long> start_;
 };
 
@@ -386,16 +354,15 @@ TEST_F(Playback, ListsTheRecordedEventsAndPlaysThemFromZeroAndFromASeekByteForBy
   EXPECT_LT(p->Video().size(), Stored::Read(Clip(kCamA)).VideoCount());
 
   // the tool: the list and a play into files
-  auto list = testsupport::ViewerTool(creds_path_, p2p_port_, {"--events", "all"});
+  auto list = Viewer({"--events", "all"});
   EXPECT_EQ(0, ExitCode(list->Wait(20s)));
   EXPECT_TRUE(
       list->HasLine("^event " + std::string(kCamA) + " " + std::to_string(start_[kCamA]) + " 4$"));
   EXPECT_TRUE(list->HasLine("^events 2$"));
   const std::string h264 = board_.path() + "/tmp/play.h264";
   const std::string mp4 = board_.path() + "/tmp/play.mp4";
-  auto play = testsupport::ViewerTool(creds_path_, p2p_port_,
-                                      {"--play", kCamB, std::to_string(start_[kCamB]), "--seek",
-                                       "1", "--h264", h264, "--mp4", mp4});
+  auto play = Viewer({"--play", kCamB, std::to_string(start_[kCamB]), "--seek", "1", "--h264", h264,
+                      "--mp4", mp4});
   EXPECT_EQ(0, ExitCode(play->Wait(30s)));
   EXPECT_TRUE(play->HasLine("^play state end frames [0-9]+$"));
   std::vector<Bytes> video;
@@ -571,10 +538,7 @@ TEST_F(Playback, BadRequestsAreRefusedWithALogLineAndNothingIsOpened) {
   EXPECT_NE("", daemon_->WaitForLine("Close client sessionID: "));
 
   // the tool: its options documented, usage errors exit 2, a refused play exits 1
-  auto tool = [&](const std::vector<std::string>& args) {
-    return testsupport::ViewerTool(creds_path_, p2p_port_, args);
-  };
-  auto help = tool({"--help"});
+  auto help = Viewer({"--help"});
   EXPECT_EQ(0, ExitCode(help->Wait()));
   for (const char* option : {"--events MAC", "--play MAC START", "--seek S"}) {
     EXPECT_TRUE(help->HasLine(option)) << option;
@@ -585,9 +549,9 @@ TEST_F(Playback, BadRequestsAreRefusedWithALogLineAndNothingIsOpened) {
                                               {"--live", kCamA, "--events", "all"},
                                               {"--seek", "86401"},
                                               {"--h264", "/tmp/x.h264"}}) {
-    EXPECT_EQ(2, ExitCode(tool(bad)->Wait())) << bad[0] << " " << bad[1];
+    EXPECT_EQ(2, ExitCode(Viewer(bad)->Wait())) << bad[0] << " " << bad[1];
   }
-  auto refused_play = tool({"--play", kCamA, "1700000001"});
+  auto refused_play = Viewer({"--play", kCamA, "1700000001"});
   EXPECT_EQ(1, ExitCode(refused_play->Wait(20s)));
   EXPECT_TRUE(refused_play->HasLine("^play state refused frames 0$"));
 }
