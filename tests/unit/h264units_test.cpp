@@ -1,10 +1,8 @@
 // The H.264 unit scanner that the clip writer and the viewer's MP4 share: where units start and
-// end whatever the start codes and the zeros around them, and what it makes of parameter sets
-// and key frames.
+// end whatever the start codes and the zeros around them, and what it finds in them.
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "media/h264units.h"
@@ -22,31 +20,21 @@ std::vector<Bytes> Units(const Bytes& d) {
 }
 
 TEST(H264Units, StartCodesAndTheZerosAroundThemBelongToNoUnit) {
-  EXPECT_EQ(
-      (std::vector<Bytes>{{0x09, 0xF0}, {0x67, 0x42}, {0x68, 0xCE}, {0x65, 0x88, 0x00, 0x84}}),
-      Units({0xAA, 0x00,                       // before the first start code: no unit
-             0,    0,    0, 1,    0x09, 0xF0,  // 4-byte code
-             0,    0,    1, 0x67, 0x42,        // 3-byte code
-             0,    0,    0, 0,    0,    1,     // trailing zeros, then a code
-             0,    0,    1,                    // an empty unit
-             0x68, 0xCE, 0, 0,    0,    1,    0x65, 0x88, 0x00, 0x84}));
-  EXPECT_TRUE(Units({}).empty());
+  const Bytes au = {0xAA, 0x00,                    // before the first start code: no unit
+                    0,    0,    0, 1, 0x67, 0x42,  // SPS behind a 4-byte code
+                    0,    0,    0, 0, 0,    1,     // trailing zeros, then a code
+                    0,    0,    1,                 // an empty unit
+                    0x68, 0xCE, 0, 0, 1,    0x41, 0x05, 0x00, 0x84};
+  EXPECT_EQ((std::vector<Bytes>{{0x67, 0x42}, {0x68, 0xCE}, {0x41, 0x05, 0x00, 0x84}}), Units(au));
   EXPECT_TRUE(Units({0x65, 0x88, 0x84}).empty());  // no start code at all
   EXPECT_TRUE(Units({0, 0, 1}).empty());           // a code with nothing behind it
-  EXPECT_EQ((std::vector<Bytes>{{0x41}}), Units({0, 0, 1, 0x41, 0, 0, 1}));
-}
-
-TEST(H264Units, ParameterSetsNeedBothAndAKeyFrameNeedsAnIdrSlice) {
-  const Bytes pps_first = {0, 0, 1, 0x68, 0xCE, 0, 0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x65, 0x05};
-  EXPECT_EQ(std::string("\x00\x00\x00\x01\x68\xCE\x00\x00\x00\x01\x67\x42", 12),
-            h264::ParameterSets(pps_first.data(), pps_first.size()));
-  EXPECT_TRUE(h264::HasIdrSlice(pps_first.data(), pps_first.size()));
-  const Bytes sps_only = {0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x27, 0x42, 0, 0, 1, 0x41, 0x05};
-  EXPECT_EQ("", h264::ParameterSets(sps_only.data(), sps_only.size()));
-  // 0x41 is a non-IDR slice, however many bytes of value 5 follow its header
-  EXPECT_FALSE(h264::HasIdrSlice(sps_only.data(), sps_only.size()));
-  const Bytes low_priority_idr = {0, 0, 1, 0x25, 0x88};  // the NAL type is the low five bits
-  EXPECT_TRUE(h264::HasIdrSlice(low_priority_idr.data(), low_priority_idr.size()));
+  EXPECT_EQ(std::string("\x00\x00\x00\x01\x67\x42\x00\x00\x00\x01\x68\xCE", 12),
+            h264::ParameterSets(au.data(), au.size()));
+  EXPECT_EQ("", h264::ParameterSets(au.data(), 8));  // the SPS alone
+  // 0x41 is a non-IDR slice whatever bytes follow its header; 0x25 is IDR (the low five bits)
+  EXPECT_FALSE(h264::HasIdrSlice(au.data(), au.size()));
+  const Bytes idr = {0, 0, 1, 0x25, 0x88};
+  EXPECT_TRUE(h264::HasIdrSlice(idr.data(), idr.size()));
 }
 
 }  // namespace
