@@ -39,7 +39,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testsupport::ExitCode;
 using testsupport::FileExists;
 using testsupport::ProbeFile;
 using testsupport::Process;

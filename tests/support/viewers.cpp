@@ -1,6 +1,7 @@
 #include "support/viewers.h"
 
 #include <chrono>
+#include <map>
 #include <utility>
 
 namespace testsupport {

@@ -5,11 +5,10 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <memory>
 
 #include "support/testsupport.h"
 #include "viewer/viewerframe.h"
