@@ -288,6 +288,17 @@ int ParseArgs(int argc, char** argv, Args* a) {
 
 using Say = std::function<void(const std::string&)>;
 
+// The statistics of a finished recording and the files it wrote.
+void SayRecording(const viewer::LiveRecorder& recorder, const Args& args, const Say& say) {
+  say(viewer::VideoLine(recorder.video()));
+  say(viewer::AudioLine(recorder.audio()));
+  if (!args.record.h264_path.empty()) say("h264 " + args.record.h264_path);
+  if (!args.record.mp4_path.empty()) {
+    say("mp4 " + args.record.mp4_path + " frames " + std::to_string(recorder.mp4_frames()));
+  }
+  if (!args.record.alaw_path.empty()) say("alaw " + args.record.alaw_path);
+}
+
 // Ends the session as asked and gives the exit status.
 int EndSession(viewer::Session& session, const Args& args, const Say& say, int rc, bool failed) {
   if (rc != 0) {
@@ -401,13 +412,7 @@ int RunPlay(viewer::Session& session, const Args& args, const Say& say) {
   } else {
     failed = true;
   }
-  say(viewer::VideoLine(recorder.video()));
-  say(viewer::AudioLine(recorder.audio()));
-  if (!args.record.h264_path.empty()) say("h264 " + args.record.h264_path);
-  if (!args.record.mp4_path.empty()) {
-    say("mp4 " + args.record.mp4_path + " frames " + std::to_string(recorder.mp4_frames()));
-  }
-  if (!args.record.alaw_path.empty()) say("alaw " + args.record.alaw_path);
+  SayRecording(recorder, args, say);
   return EndSession(session, args, say, rc, failed);
 }
 
@@ -557,13 +562,7 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "error %s\n", error_text.c_str());
       failed = true;
     }
-    say(viewer::VideoLine(recorder.video()));
-    say(viewer::AudioLine(recorder.audio()));
-    if (!args.record.h264_path.empty()) say("h264 " + args.record.h264_path);
-    if (!args.record.mp4_path.empty()) {
-      say("mp4 " + args.record.mp4_path + " frames " + std::to_string(recorder.mp4_frames()));
-    }
-    if (!args.record.alaw_path.empty()) say("alaw " + args.record.alaw_path);
+    SayRecording(recorder, args, say);
   }
   if (!args.talk.empty()) {
     say("talk frames " + std::to_string(talk.frames) + " bytes " + std::to_string(talk.bytes));
