@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -22,6 +21,7 @@
 #include "p2p/iotc.h"
 #include "p2p/transport.h"
 #include "support/logcapture.h"
+#include "support/p2psession.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
 
@@ -85,19 +85,11 @@ class Download : public ::testing::Test {
     ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Device_Login(kUid, nullptr, kPassword));
     ASSERT_EQ(8, avInitialize(8));
     ASSERT_EQ(1, RDT_Initialize());
-    ASSERT_EQ(0, viewer_.Connect("127.0.0.1", port_, kUid, kPassword, kWait));
-    WaitFor(
-        [&] {
-          sid_ = IOTC_Listen(100);
-          return sid_ != IOTC_ER_TIMEOUT;
-        },
-        std::chrono::milliseconds(kWait));
-    ASSERT_GE(sid_, 0);
-    auto login = std::async(std::launch::async, [&] { return viewer_.Login("v", "x", kWait); });
-    int resend = -1;
-    av_ = avServStart3(sid_, Auth, 15, 0, 0, &resend);
+    const auto session =
+        testsupport::AcceptViewer(viewer_, port_, kUid, kPassword, "v", "x", Auth, kWait);
+    sid_ = session.sid;
+    av_ = session.av;
     ASSERT_GE(av_, 0);
-    ASSERT_EQ(0, login.get());
     std::lock_guard<std::mutex> lock(g_card_mutex);
     g_card.clear();
     g_card_error = false;

@@ -6,7 +6,6 @@
 #include <sodium.h>
 
 #include <cstdlib>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,6 +18,7 @@
 #include "server/mediaserver.h"
 #include "server/playbacksend.h"
 #include "support/logcapture.h"
+#include "support/p2psession.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
 #include "viewer/viewerframe.h"
@@ -74,14 +74,11 @@ class PlaybackSend : public ::testing::Test {
     ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Initialize2(port_));
     ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Device_Login(kUid, nullptr, kPassword));
     ASSERT_EQ(8, avInitialize(8));
-    ASSERT_EQ(0, viewer_.Connect("127.0.0.1", port_, kUid, kPassword, kWait));
-    WaitFor([&] { return (sid_ = IOTC_Listen(100)) != IOTC_ER_TIMEOUT; });
-    ASSERT_GE(sid_, 0);
-    auto login = std::async(std::launch::async, [&] { return viewer_.Login("v", "x", kWait); });
-    int resend = -1;
-    const int av = avServStart3(sid_, AcceptAll, 15, 0, 0, &resend);
+    const auto session =
+        testsupport::AcceptViewer(viewer_, port_, kUid, kPassword, "v", "x", AcceptAll, kWait);
+    sid_ = session.sid;
+    const int av = session.av;
     ASSERT_GE(av, 0);
-    ASSERT_EQ(0, login.get());
     client_ = server_play.load()->GetClient(sid_);
     ASSERT_NE(nullptr, client_);
     client_->SetAvIndex(av);

@@ -13,7 +13,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +25,7 @@
 #include "p2p/wire.h"
 #include "server/iotypes.h"
 #include "server/mediaserver.h"
+#include "support/p2psession.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
 
@@ -81,14 +81,7 @@ class Talkback : public ::testing::Test {
   // A session of the viewer without any AV channel yet: the hub's session ID.
   int Open() {
     EXPECT_EQ(0, viewer_.Connect("127.0.0.1", port_, kUid, kPassword, kWait));
-    int sid = IOTC_ER_TIMEOUT;
-    WaitFor(
-        [&] {
-          sid = IOTC_Listen(100);
-          return sid != IOTC_ER_TIMEOUT;
-        },
-        std::chrono::milliseconds(kWait));
-    return sid;
+    return testsupport::ListenForSession(kWait);
   }
   void Handle(int sid, uint32_t type, std::vector<char> payload, int av = 0) {
     payload.resize(1025, '\0');
@@ -178,9 +171,7 @@ TEST_F(Talkback, AnEmptyFrameFromAHandDrivenPeerDoesNotEndTalkback) {
   hello.uid = kUid;
   hello.password = kPassword;
   ASSERT_TRUE(write(p2p::wire::EncodeHello(hello)));
-  int sid = IOTC_ER_TIMEOUT;
-  WaitFor([&] { return (sid = IOTC_Listen(100)) != IOTC_ER_TIMEOUT; },
-          std::chrono::milliseconds(kWait));
+  const int sid = testsupport::ListenForSession(kWait);
   ASSERT_GE(sid, 0);
   client::Client* client = ServerEnvironment::server->GetClient(sid);
   ASSERT_NE(nullptr, client);
@@ -229,14 +220,11 @@ TEST_F(Talkback, AnEmptyFrameFromAHandDrivenPeerDoesNotEndTalkback) {
 // Live stop takes back what the hub still holds for the viewer: the frames queued behind a
 // viewer that stopped reading are dropped, not delivered after the stop.
 TEST_F(Talkback, ALiveStopDropsTheFramesTheViewerHasNotBeenSent) {
-  const int sid = Open();
-  ASSERT_GE(sid, 0);
-  auto login = std::async(std::launch::async, [&] { return viewer_.Login("v", "x", kWait); });
-  int resend = -1;
-  const int av = avServStart3(
-      sid, [](char*, char*) { return 1; }, 15, 0, 0, &resend);
+  const auto session = testsupport::AcceptViewer(
+      viewer_, port_, kUid, kPassword, "v", "x", [](char*, char*) { return 1; }, kWait);
+  const int sid = session.sid;
+  const int av = session.av;
   ASSERT_GE(av, 0);
-  ASSERT_EQ(0, login.get());
   client::Client* client = ServerEnvironment::server->GetClient(sid);
   ASSERT_NE(nullptr, client);
   client->SetAvIndex(av);

@@ -175,7 +175,7 @@ TEST_F(PlayThreads, PlaysAtTheClipsPaceGivesBusyFramesAgainAndEndsWithTheEnd) {
   // The audio is the clip's A-law bytes, every one, and no video among them.
   size_t audio_bytes = 0;
   for (size_t size : viewer_.audio_sizes) audio_bytes += size;
-  EXPECT_EQ(kFrames * 533u, audio_bytes);
+  EXPECT_EQ(kFrames * testsupport::kAlawPerFrame, audio_bytes);
   // Each video frame tells its place in the play, the clip's size and its time in the event.
   ASSERT_EQ(static_cast<size_t>(kFrames), viewer_.video_frames.size());
   for (size_t i = 0; i < viewer_.video_frames.size(); i++) {
