@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/log.h"
@@ -213,7 +214,10 @@ TEST_F(Talkback, AnEmptyFrameFromAHandDrivenPeerDoesNotEndTalkback) {
   EXPECT_TRUE(WaitFor([&] { return Count(refused) == 3; }, std::chrono::milliseconds(kWait)))
       << Count(refused);
   EXPECT_EQ(1, client->talking());
+  // Talk-back ends before the transport does: its thread leaves the channel it joined.
   client->SetTalking(0);
+  EXPECT_TRUE(WaitFor([&] { return Count("[thread_ReceiveAudio] exit sid: ") > 0; },
+                      std::chrono::milliseconds(kWait)));
   close(fd);
 }
 
@@ -232,12 +236,22 @@ TEST_F(Talkback, ALiveStopDropsTheFramesTheViewerHasNotBeenSent) {
   // then the hub's queue for it.
   const std::vector<char> frame(100000, 0x41);
   const uint8_t info[28] = {0x4E};
+  // Full, and staying full: no frame has found room for half a second (the hub's writer can
+  // put nothing more on the socket), so the hub holds frames the viewer has not been sent.
   int queued = 0;
-  for (int rc = 0; rc == 0 && queued < 10000;) {
-    rc = avSendFrameData(av, frame.data(), static_cast<int>(frame.size()), info, sizeof info);
-    if (rc == 0) ++queued;
+  auto last_taken = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() - last_taken < std::chrono::milliseconds(500)) {
+    const int rc =
+        avSendFrameData(av, frame.data(), static_cast<int>(frame.size()), info, sizeof info);
+    if (rc == 0) {
+      ++queued;
+      last_taken = std::chrono::steady_clock::now();
+    } else {
+      ASSERT_EQ(AV_ER_EXCEED_MAX_SIZE, rc);
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_LT(queued, 10000);
   }
-  ASSERT_LT(queued, 10000);
   std::string stop = std::string("{\"mac\":\"") + kCam + "\"}";
   Handle(sid, 0x2FF, std::vector<char>(stop.begin(), stop.end()), av);
   int delivered = 0;
