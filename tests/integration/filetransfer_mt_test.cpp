@@ -252,9 +252,10 @@ TEST_F(Download, ABusySessionIsRefusedAndAStoppedOrShortFileNeverEndsLikeAWholeO
   while ((n = viewer_.RdtRead(id, buf.data(), buf.size(), kWait)) > 0) got += n;
   EXPECT_EQ(RDT_ER_REMOTE_ABORT, n);
   EXPECT_LT(got, big.size());
+  // With the aborted write's code when the stop met the thread inside a write.
   EXPECT_TRUE(
       log_.Wait(": download for session [0-9]+ of .*/1700000000\\.mp4 ended after [0-9]+ "
-                "of 4194304 bytes \\(session closing\\), code: -10012$"));
+                "of 4194304 bytes \\(session closing\\)(, code: -10012)?$"));
   viewer_.RdtDestroy(id);
   EXPECT_EQ(-1, filetransfer_stop(sid_));
 
