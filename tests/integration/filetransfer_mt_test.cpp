@@ -75,7 +75,7 @@ class BoardEnvironment : public ::testing::Environment {
 };
 const auto* const g_env = ::testing::AddGlobalTestEnvironment(new BoardEnvironment);
 
-class Download : public ::testing::Test {
+class FileTransfer : public ::testing::Test {
  protected:
   void SetUp() override {
     p2p::SetLinkTimeouts(p2p::LinkTimeouts());
@@ -150,7 +150,7 @@ class Download : public ::testing::Test {
   int av_ = -1;
 };
 
-TEST_F(Download, AClipAndASnapshotComeWholeAndTheAnswerNamesThem) {
+TEST_F(FileTransfer, AClipAndASnapshotComeWholeAndTheAnswerNamesThem) {
   const std::string clip = Bytes(3 * 65536 + 1234, 1);  // pieces of 64 KiB and an odd tail
   Store(kEvent, "mp4", clip);
   const std::string snapshot = Bytes(777, 2);
@@ -176,7 +176,7 @@ TEST_F(Download, AClipAndASnapshotComeWholeAndTheAnswerNamesThem) {
   EXPECT_EQ(RDT_ER_REMOTE_EXIT, code);
 }
 
-TEST_F(Download, BadRequestsAreAnsweredWithTheirResultAndNothingIsSent) {
+TEST_F(FileTransfer, BadRequestsAreAnsweredWithTheirResultAndNothingIsSent) {
   Store(kEvent, "mp4", "clip");
   std::filesystem::create_directory(dir_.path() + "/folder.mp4");
   std::filesystem::create_symlink(dir_.path() + "/1700000000.mp4", dir_.path() + "/link.mp4");
@@ -233,7 +233,7 @@ TEST_F(Download, BadRequestsAreAnsweredWithTheirResultAndNothingIsSent) {
   EXPECT_EQ(RDT_ER_TIMEOUT, viewer_.RdtCreate(2, 300));
 }
 
-TEST_F(Download, ABusySessionIsRefusedAndAStoppedOrShortFileNeverEndsLikeAWholeOne) {
+TEST_F(FileTransfer, ABusySessionIsRefusedAndAStoppedOrShortFileNeverEndsLikeAWholeOne) {
   const std::string big = Bytes(4 << 20, 3);
   Store(kEvent, "mp4", big);
   ASSERT_EQ(0, filetransfer_request(sid_, av_, Request(kCam, kEvent, "mp4", 2).c_str()));
