@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -252,10 +253,14 @@ TEST_F(FileTransfer, ABusySessionIsRefusedAndAStoppedOrShortFileNeverEndsLikeAWh
   while ((n = viewer_.RdtRead(id, buf.data(), buf.size(), kWait)) > 0) got += n;
   EXPECT_EQ(RDT_ER_REMOTE_ABORT, n);
   EXPECT_LT(got, big.size());
-  // With the aborted write's code when the stop met the thread inside a write.
+  // With the code of the write the stop met: inside it, the abort; after it, the next write finds
+  // the channel gone. Between the two, no code.
   EXPECT_TRUE(
       log_.Wait(": download for session [0-9]+ of .*/1700000000\\.mp4 ended after [0-9]+ "
-                "of 4194304 bytes \\(session closing\\)(, code: -10012)?$"));
+                "of 4194304 bytes \\(session closing\\)(, code: -100(12|08))?$"));
+  if (HasFailure())
+    for (const std::string& line : log_.Lines())
+      if (line.find("download") != std::string::npos) std::printf("%s\n", line.c_str());
   viewer_.RdtDestroy(id);
   EXPECT_EQ(-1, filetransfer_stop(sid_));
 
