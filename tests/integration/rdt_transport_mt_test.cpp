@@ -329,7 +329,10 @@ TEST_F(Rdt, MediaFramesKeepFlowingDuringABigTransferAndTheTransferDuringFrames) 
   }
   EXPECT_GT(read.load(), before);
   EXPECT_EQ(0, RDT_Abort(id));
-  EXPECT_EQ(RDT_ER_LOCAL_ABORT, writer.get());
+  // The writer was either waiting for credit (the abort ends that wait) or between two writes
+  // (the next finds the channel gone); both end it.
+  const int written = writer.get();
+  EXPECT_TRUE(written == RDT_ER_LOCAL_ABORT || written == RDT_ER_INVALID_RDT_ID) << written;
   EXPECT_EQ(RDT_ER_REMOTE_ABORT, reader.get());
 }
 
