@@ -27,6 +27,9 @@ namespace {
 constexpr int kAcceptTimeouts = 11;  // accept_count at which pairing gives up (12 time-outs)
 constexpr int kReceiveAttempts = 10;
 constexpr auto kLedHold = std::chrono::seconds(3);
+constexpr std::chrono::milliseconds kAcceptTimeout{5000};
+
+std::atomic<long> g_accept_timeout_ms{kAcceptTimeout.count()};
 
 std::atomic<bool> g_running{false};  // pairing mode on
 std::atomic<int> g_accept_count{0};
@@ -39,16 +42,20 @@ std::string ConfigText(const char* key) {
   return value;
 }
 
-void SetTimeout(int fd, int option, int seconds, const char* failure) {
+void SetTimeout(int fd, int option, std::chrono::milliseconds timeout, const char* failure) {
   struct timeval tv;
-  tv.tv_sec = seconds;
-  tv.tv_usec = 0;
+  tv.tv_sec = static_cast<time_t>(timeout.count() / 1000);
+  tv.tv_usec = static_cast<suseconds_t>(timeout.count() % 1000 * 1000);
   if (setsockopt(fd, SOL_SOCKET, option, &tv, sizeof(tv)) < 0) TLOG(LOG_DEBUG) << failure;
 }
 
 }  // namespace
 
 namespace pairing {
+
+void SetAcceptTimeout(std::chrono::milliseconds timeout) {
+  g_accept_timeout_ms.store(timeout.count() > 0 ? timeout.count() : kAcceptTimeout.count());
+}
 
 int ParsePairingRequest(const uint8_t* buf, size_t n, _net_cmd_get_info_type* info) {
   const uint16_t count = static_cast<uint16_t>(n > 0xFFFF ? 0xFFFF : n);
@@ -186,7 +193,8 @@ void tcp_server_thread_function(server::MediaServer* server) {
     TLOG(LOG_ERR) << "listen socketed failed";
     std::exit(1);
   }
-  SetTimeout(fd, SO_RCVTIMEO, 5, "Set accept timeout failed");
+  SetTimeout(fd, SO_RCVTIMEO, std::chrono::milliseconds(g_accept_timeout_ms.load()),
+             "Set accept timeout failed");
 
   while (g_running.load()) {
     TLOG(LOG_DEBUG) << "accept_count = " << g_accept_count.load();
@@ -209,7 +217,7 @@ void tcp_server_thread_function(server::MediaServer* server) {
     std::string mac;
     bool accepted = false;
     for (int i = 0; i < kReceiveAttempts && !accepted; i++) {
-      SetTimeout(conn, SO_RCVTIMEO, 1, "set conn timeout failed");
+      SetTimeout(conn, SO_RCVTIMEO, std::chrono::seconds(1), "set conn timeout failed");
       accepted = RecvTcpData(conn, &mac) == 1;
     }
     if (!accepted) {

@@ -7,6 +7,7 @@
 // network interface "ra1" is up only while pairing mode is on.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -34,6 +35,10 @@ int RecvTcpData(int sockfd, std::string* mac);
 namespace pairing {
 
 constexpr size_t kRequestBufferSize = 1024;
+
+// The pairing thread's accept time-out, five seconds unless set (a zero or negative value sets
+// it back); read when a pairing thread starts. Tests shorten it to see pairing give up.
+void SetAcceptTimeout(std::chrono::milliseconds timeout);
 
 // Validates bytes received in one piece as a pairing request (a whole frame, type 0x8B, length
 // 34) and decodes its payload. 1 when valid, 0 otherwise.

@@ -591,4 +591,49 @@ TEST(CameraLink, BadPairingRequestsGetNoAnswerAndEndPairing) {
   }
 }
 
+TEST(CameraLink, AFullHubRefusesAFifthCameraUnansweredAndRecordsNothing) {
+  ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
+  // Four cameras recorded: the board's, any paired before, and made-up ones to fill the list.
+  std::vector<std::string> fillers;
+  for (const char* mac : {"0A00000000F1", "0A00000000F2", "0A00000000F3", "0A00000000F4"}) {
+    char list[8][kUciSectionNameLen] = {};
+    if (zcfg_uci_get_section_list("p2p", list, 8) >= 4) break;
+    ASSERT_EQ(0, zcfg_uci_set((std::string("p2p.") + mac).c_str(), "camera"));
+    fillers.push_back(mac);
+  }
+  const auto macs = g_world->server->LiveChannelMacs();
+  const size_t mark = g_world->log.Mark();
+  ASSERT_EQ(StartAuthServer(g_world->server), 0);
+  const char kFifth[] = "0A0000000006";
+  Cam cam(kFifth, "127.0.0.6");
+  const int fd = cam.PairingConnection();
+  ASSERT_GE(fd, 0);
+  const Bytes request = cam.PairingRequest(3);
+  ASSERT_EQ(send(fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+  EXPECT_TRUE(g_world->log.Wait(": auth failed$", mark));
+  shutdown(fd, SHUT_WR);                    // the hub's further receives end at once
+  EXPECT_TRUE(Cam::Ends(fd, seconds(30)));  // no reply: the connection just ends
+  close(fd);
+  ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
+  EXPECT_TRUE(g_world->log.Has("Camera list have 4 camera, sync new camera error!!!", mark));
+  EXPECT_EQ(g_world->server->LiveChannelMacs(), macs);
+  EXPECT_EQ(Config(std::string("p2p.") + kFifth + ".version"), "");
+  for (const std::string& mac : fillers) zcfg_uci_delete(("p2p." + mac).c_str());
+}
+
+TEST(CameraLink, PairingGivesUpAfterTwelveAcceptTimeOuts) {
+  ASSERT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
+  pairing::SetAcceptTimeout(milliseconds(20));
+  const size_t mark = g_world->log.Mark();
+  ASSERT_EQ(StartAuthServer(g_world->server), 0);
+  EXPECT_TRUE(g_world->log.Wait(": accept count timeout, stop tcp$", mark));
+  EXPECT_TRUE(WaitFor([] { return !IsAuthServerRunning(); }, seconds(20)));
+  pairing::SetAcceptTimeout(milliseconds(0));
+  EXPECT_FALSE(IsTcpServerStart());
+  EXPECT_EQ(Operstate("ra1"), "down\n");
+  // Counts 0 to 11 were logged, one per wait: the twelfth time-out ended pairing.
+  EXPECT_TRUE(g_world->log.Has(": accept_count = 11$", mark));
+  EXPECT_FALSE(g_world->log.Has(": accept_count = 12$", mark));
+}
+
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -73,6 +74,13 @@ class IoCtrl : public ::testing::Test {
     }
     return false;
   }
+  size_t Count(const std::string& pattern) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const std::regex re(pattern);
+    size_t n = 0;
+    for (const auto& l : lines_) n += std::regex_search(l, re);
+    return n;
+  }
   size_t LineCount() {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_.size();
@@ -126,8 +134,12 @@ TEST_F(IoCtrl, MissingKeysAndUnknownCamerasAreLoggedAndChangeNothing) {
   EXPECT_FALSE(Logged("set mac: "));
   Send(0x320, "{\"mac\":\"0A00000000A1\",\"videoquality\":1}");
   EXPECT_TRUE(Logged("set mac: 0A00000000A1, videoquality: 1"));
+  // Each command to a camera the hub does not have is logged as such.
+  const size_t unknown = Count(": Msg Out of Range error: map::at$");
   Send(0x320, "{\"mac\":\"0A0000000099\",\"videoquality\":1}");
+  EXPECT_EQ(unknown + 1, Count(": Msg Out of Range error: map::at$"));
   Send(0x2FF, "{\"mac\":\"0A0000000099\"}");
+  EXPECT_EQ(unknown + 2, Count(": Msg Out of Range error: map::at$"));
   EXPECT_TRUE(Logged("target live stop camera mac: 0A0000000099"));
 
   // Audio start and stop only log; other types are ignored without a line.

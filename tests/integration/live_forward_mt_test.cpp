@@ -266,6 +266,42 @@ TEST_F(LiveForward, TwoViewersGetEveryFrameAndPacketDecryptedByteForByte) {
   }
 }
 
+// The work buffer takes a frame whose encrypted form fills it exactly; one byte more and the
+// frame goes out raw, marked so. A frame with as many slices as the header can list (and more)
+// goes encrypted too. Audio sent well is never logged as an error.
+TEST_F(LiveForward, AFrameWhoseEncryptedFormJustFitsTheWorkBufferGoesEncrypted) {
+  testsupport::LogCapture log;
+  ViewerSlot& v = OpenViewer();
+  ch_->RegisteVideoForLiveClient(v.client.get());
+  ch_->RegisteAudioForLiveClient(v.client.get());
+  const size_t fits = kVideoWorkCapacity + kVideoHeaderRoom - VideoHeaderBytes(1);
+  Bytes sliced;
+  for (unsigned i = 0; i <= kMaxListedNalus; i++) {
+    const Bytes slice = MakeFrame(60, i == 0, 8 + i);
+    sliced.insert(sliced.end(), slice.begin(), slice.end());
+  }
+  const std::vector<Bytes> frames = {MakeFrame(fits, true, 6), sliced,
+                                     MakeFrame(fits + 1, false, 7)};
+  const Bytes alaw(320, 0x33);
+  for (size_t i = 0; i < frames.size(); i++) {
+    SendFrame(frames[i], static_cast<uint32_t>(i));
+    SendAudio(alaw, static_cast<uint32_t>(i));
+  }
+  for (size_t i = 0; i < frames.size(); i++) {
+    bool video = false;
+    Bytes plain;
+    viewer::FrameInfo info;
+    ASSERT_TRUE(Receive(v, &video, &plain, &info)) << "frame " << i;
+    ASSERT_TRUE(video);
+    EXPECT_EQ(frames[i], plain) << "frame " << i;
+    EXPECT_EQ(i != 2, info.encrypted) << "frame " << i;
+    ASSERT_TRUE(Receive(v, &video, &plain, &info));
+    EXPECT_FALSE(video);
+    EXPECT_EQ(alaw, plain);
+  }
+  EXPECT_FALSE(log.Has("Send audio frame error"));
+}
+
 TEST_F(LiveForward, ReassemblyRefusesOverlongFramesAndDropsPartialOnes) {
   testsupport::LogCapture log;
   ViewerSlot& a = OpenViewer();

@@ -424,4 +424,67 @@ TEST_F(Rdt, DataBeyondTheWindowOrUnowedCreditEndsTheSession) {
   EXPECT_EQ(5, v.RdtRead(1, buf, sizeof buf, kWait));
 }
 
+TEST_F(Rdt, SixteenChannelsAtMostAndAnIdOutsideTheTableIsNoId) {
+  using p2p::kRdtCapacity;
+  testsupport::LogCapture log;
+  p2p::Viewer v;
+  const int sid = Open(v);
+  std::vector<int> ids;
+  for (uint8_t ch = 1; ch <= kRdtCapacity; ++ch) {
+    ids.push_back(Pair(v, sid, ch));
+    ASSERT_GE(ids.back(), 0);
+  }
+  EXPECT_EQ(RDT_ER_EXCEED_MAX_CHANNEL, RDT_Create(sid, 100, kRdtCapacity + 1));
+  EXPECT_TRUE(log.Has(": P2P session " + std::to_string(sid) + ": every RDT channel is in use$"));
+  char c = 0;
+  for (int bad : {-1, kRdtCapacity, kRdtCapacity + 1}) {
+    EXPECT_EQ(RDT_ER_INVALID_RDT_ID, RDT_Read(bad, &c, 1, 0)) << bad;
+    EXPECT_EQ(RDT_ER_INVALID_RDT_ID, RDT_Write(bad, "x", 1)) << bad;
+    EXPECT_EQ(RDT_ER_INVALID_RDT_ID, RDT_Destroy(bad)) << bad;
+  }
+  // One freed, one more can be made.
+  ASSERT_EQ(0, RDT_Destroy(ids[0]));
+  EXPECT_EQ(0, v.RdtDestroy(1));
+  EXPECT_GE(Pair(v, sid, kRdtCapacity + 1), 0);
+}
+
+// An end of the hub still waiting for the viewer when RDT ends is withdrawn: the viewer is told,
+// so its next end on that channel cannot pair with one that is gone.
+TEST_F(Rdt, EndingRdtWithdrawsAnEndStillWaitingForTheViewer) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port_);
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a));
+  p2p::wire::Hello h;
+  h.uid = kUid;
+  h.password = kPassword;
+  const auto hello = p2p::wire::EncodeHello(h);
+  ASSERT_EQ(static_cast<ssize_t>(hello.size()), send(fd, hello.data(), hello.size(), 0));
+  const int sid = Listen();
+  ASSERT_GE(sid, 0);
+  p2p::wire::Decoder d(p2p::wire::Reader::kViewer);
+  auto next = [&](p2p::wire::MsgType type, uint8_t channel) {
+    for (;;) {
+      p2p::wire::Message m;
+      while (d.Next(&m) == p2p::wire::Decoder::kMessage)
+        if (m.type == static_cast<uint8_t>(type) && m.channel == channel) return true;
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, kWait) <= 0) return false;
+      uint8_t buf[4096];
+      const ssize_t n = recv(fd, buf, sizeof buf, 0);
+      if (n <= 0) return false;
+      d.Feed(buf, static_cast<size_t>(n));
+    }
+  };
+  auto hub_end = std::async(std::launch::async, [&] { return RDT_Create(sid, kWait, 6); });
+  ASSERT_TRUE(next(p2p::wire::MsgType::kRdtOpen, 6));
+  RDT_DeInitialize();
+  EXPECT_EQ(RDT_ER_NOT_INITIALIZED, hub_end.get());
+  EXPECT_TRUE(next(p2p::wire::MsgType::kRdtClose, 6));
+  ASSERT_EQ(1, RDT_Initialize());
+  close(fd);
+}
+
 }  // namespace

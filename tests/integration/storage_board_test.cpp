@@ -94,6 +94,17 @@ TEST_F(StorageBoard, StatusFollowsNodeMountAndFormatFlag) {
   EXPECT_TRUE(std::filesystem::is_directory(path));
   char small[8];
   EXPECT_EQ(GetSdCardRecordPath(small, sizeof(small)), -1);
+  char none[1] = {'x'};  // a room of no bytes: not even a terminator may be written
+  EXPECT_EQ(GetSdCardRecordPath(none, 0), -1);
+  EXPECT_EQ(none[0], 'x');
+  // Something else where the record folder belongs: refused with the line support reads.
+  std::filesystem::rename(path, std::string(path) + ".away");
+  WriteFile(path, "not a folder");
+  EXPECT_EQ(GetSdCardRecordPath(small, sizeof(small)), -1);
+  EXPECT_EQ(GetSdCardRecordPath(path, sizeof(path)), -1);
+  EXPECT_TRUE(log_.Has(": Create " + Root() + " dir failed$"));
+  std::filesystem::remove(Root());
+  std::filesystem::rename(Root() + ".away", Root());
 
   SetSdCardStatus(SDCARD_STATUS_FORMAT);
   EXPECT_EQ(SdCardIsFormat(), 1);
@@ -113,6 +124,22 @@ TEST_F(StorageBoard, StatusFollowsNodeMountAndFormatFlag) {
   EXPECT_TRUE(log_.Has("sdcard no exist"));
   EXPECT_EQ(IsSdcardFull(), 0);
   EXPECT_TRUE(log_.Has("sdcard is not exist"));
+}
+
+// The status is checked every few seconds for as long as the hub runs: each check's command
+// must leave no descriptor (and no child) behind.
+TEST_F(StorageBoard, RepeatedStatusChecksLeaveNoDescriptorBehind) {
+  auto open_fds = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  ASSERT_EQ(UpdateSdCardStatus(), SDCARD_STATUS_NORMAL);
+  const auto before = open_fds();
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(SdCardIsMount(), 0);
+    EXPECT_EQ(UpdateSdCardStatus(), SDCARD_STATUS_NORMAL);
+  }
+  EXPECT_EQ(open_fds(), before);
 }
 
 class FullCard : public StorageBoard {

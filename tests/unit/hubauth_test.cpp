@@ -2,6 +2,7 @@
 // text and its refusals, the per-slot stream keys, the P2P password, the exact texts of the
 // credential report and the uid request, and the order of the credentials thread's waits.
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <sodium.h>
@@ -251,6 +252,28 @@ TEST_F(HubAuth, RefusedLoginsLeaveTheSlotKeyAlone) {
   };
   const std::string loose = " \n" + text(upper(public_hex), upper(sign_hex)) + "\n";
   EXPECT_EQ(1, AuthCallBackFn(2, "viewer", loose.c_str()));
+}
+
+// A viewer may send any number of refused login texts: each must cost nothing once refused.
+// JSON that is not an object (an array of 200 numbers) is parsed whole before it is refused.
+TEST_F(HubAuth, RefusedLoginTextsCostNoMemory) {
+  std::string array = "[";
+  for (int i = 0; i < 200; ++i) array += i == 0 ? "1" : ",1";
+  array += "]";
+  login_text_fields fields;
+  auto in_use = [] {
+    {
+      std::lock_guard<std::mutex> lock(g_log_mutex);
+      g_logs.clear();
+      g_logs.shrink_to_fit();
+    }
+    return mallinfo2().uordblks;
+  };
+  ASSERT_EQ(-1, parse_login_text(array.c_str(), &fields));
+  const size_t before = in_use();
+  for (int i = 0; i < 500; ++i) ASSERT_EQ(-1, parse_login_text(array.c_str(), &fields));
+  // 500 leaked parse trees would hold megabytes; allocator noise is far below one.
+  EXPECT_LT(in_use(), before + (1u << 20));
 }
 
 TEST_F(HubAuth, LoginTextKeepsFifteenCharactersOfTheAccount) {

@@ -19,6 +19,7 @@
 #include "media/playback.h"
 #include "media/playbackmsg.h"
 #include "support/cameraclip.h"
+#include "support/logcapture.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -27,6 +28,7 @@ using namespace std::chrono_literals;
 using playbackmsg::PlayState;
 
 constexpr char kMac[] = "0A00000000D1";
+constexpr char kCamWithoutIndex[] = "0A00000000B2";  // a camera whose index cannot be read
 constexpr uint32_t kStart = 1700000000;
 constexpr int kFrames = 30;  // 2 s
 
@@ -36,12 +38,15 @@ struct Viewer {
   std::condition_variable changed;
   std::vector<PlayState> states;
   std::vector<uint8_t> chunk_flags;
+  std::vector<uint32_t> chunk_ids;
   size_t chunk_events = 0;
   int video = 0;
   int audio = 0;
-  std::atomic<int> busy_left{0};     // answers kBusy this many times first
-  std::atomic<bool> gone{false};     // answers as a viewer that has left
-  std::atomic<bool> reading{false};  // a sender call is under way
+  std::vector<size_t> audio_sizes;
+  std::vector<playback::Frame> video_frames;  // what each video frame said (data not kept)
+  std::atomic<int> busy_left{0};              // answers kBusy this many times first
+  std::atomic<bool> gone{false};              // answers as a viewer that has left
+  std::atomic<bool> reading{false};           // a sender call is under way
   std::atomic<bool> clip_removed{false};
   std::atomic<bool> sent_after_removal{false};
 
@@ -80,6 +85,7 @@ int Command(int, uint32_t type, const uint8_t* data, size_t len) {
     playbackmsg::ListChunk c;
     if (playbackmsg::DecodeListChunk(data, len, &c)) {
       g_viewer->chunk_flags.push_back(c.flags);
+      g_viewer->chunk_ids.push_back(c.id);
       g_viewer->chunk_events += c.events.size();
     }
   }
@@ -93,7 +99,8 @@ int Frame(int, const playback::Frame& f, bool video) {
   if (answer != playback::kSent) return answer;
   std::lock_guard<std::mutex> lock(g_viewer->mu);
   (video ? g_viewer->video : g_viewer->audio)++;
-  (void)f;
+  if (!video) g_viewer->audio_sizes.push_back(f.size);
+  if (video) g_viewer->video_frames.push_back(f);
   g_viewer->changed.notify_all();
   return playback::kSent;
 }
@@ -117,9 +124,10 @@ class PlayThreads : public ::testing::Test {
     ASSERT_EQ(0, orump4_close_file_for_create(h));
 
     playlist::RecordStore store;
-    store.cameras = [] { return std::vector<std::string>{kMac, "0A00000000B2"}; };
+    store.cameras = [] { return std::vector<std::string>{kMac, kCamWithoutIndex}; };
     store.read_index = [this](const std::string& mac, std::vector<playlist::IndexRecord>* out) {
       out->clear();
+      if (mac == kCamWithoutIndex) return -1;
       if (mac == kMac) {
         for (uint32_t i = 0; i < records_; i++) out->push_back({kStart + i * 60, 10});
       }
@@ -129,7 +137,7 @@ class PlayThreads : public ::testing::Test {
       *path = clip_;
       return 0;
     };
-    store.card_ready = [] { return true; };
+    store.card_ready = [this] { return card_ready_.load(); };
     playlist_mgr_init(store);
     g_viewer = &viewer_;
     ASSERT_EQ(0, playback_mgr_init(Command, Video, Audio));
@@ -150,6 +158,7 @@ class PlayThreads : public ::testing::Test {
   testsupport::TempDir dir_;
   std::string clip_;
   uint32_t records_ = 1;
+  std::atomic<bool> card_ready_{true};
   Viewer viewer_;
 };
 
@@ -163,6 +172,22 @@ TEST_F(PlayThreads, PlaysAtTheClipsPaceGivesBusyFramesAgainAndEndsWithTheEnd) {
   std::lock_guard<std::mutex> lock(viewer_.mu);
   EXPECT_EQ(kFrames, viewer_.video);  // none lost to the busy answers
   EXPECT_GT(viewer_.audio, 0);
+  // The audio is the clip's A-law bytes, every one, and no video among them.
+  size_t audio_bytes = 0;
+  for (size_t size : viewer_.audio_sizes) audio_bytes += size;
+  EXPECT_EQ(kFrames * testsupport::kAlawPerFrame, audio_bytes);
+  // Each video frame tells its place in the play, the clip's size and its time in the event.
+  ASSERT_EQ(static_cast<size_t>(kFrames), viewer_.video_frames.size());
+  for (size_t i = 0; i < viewer_.video_frames.size(); i++) {
+    const playback::Frame& f = viewer_.video_frames[i];
+    EXPECT_EQ(i, f.index);
+    EXPECT_EQ(1920, f.width);
+    EXPECT_EQ(1080, f.height);
+    const int64_t ms = int64_t{f.seconds} * 1000 + f.milliseconds;
+    const int64_t due = int64_t{kStart} * 1000 + static_cast<int64_t>(i) * 1000 / 15;
+    EXPECT_NEAR(due, ms, 1) << i;  // 15 frames a second, within the clip's rounding
+  }
+  EXPECT_TRUE(viewer_.video_frames[0].key);
   EXPECT_EQ((std::vector<PlayState>{PlayState::kStarted, PlayState::kEnd}), viewer_.states);
   EXPECT_TRUE(WaitForStop(0));  // the thread ends right after its last word
 }
@@ -241,6 +266,65 @@ TEST_F(PlayThreads, AListWaitsForRoomInTheControlQueueAndComesWhole) {
   EXPECT_EQ(130u, viewer_.chunk_events);
   EXPECT_EQ(0, viewer_.chunk_flags[0] & playbackmsg::kChunkLast);
   EXPECT_NE(0, viewer_.chunk_flags[2] & playbackmsg::kChunkLast);
+}
+
+// A list names one camera of the hub or every camera, from a card that is ready; anything else
+// is answered without events. Each of the four sessions' lists ends with its session's stop.
+TEST_F(PlayThreads, ListsGiveOnlyKnownCamerasOfAReadyCardAndEverySessionsStopEndsItsList) {
+  testsupport::LogCapture log;
+  records_ = 3;
+  auto chunks = [&](size_t n) {
+    return viewer_.Wait([&] { return viewer_.chunk_flags.size() == n; });
+  };
+  ASSERT_EQ(0, playlist_start_play(1, 0, "{\"id\":5,\"mac\":\"0A00000000D1\"}"));
+  ASSERT_TRUE(chunks(1));
+  EXPECT_EQ(-1, playlist_start_play(1, 0, "{\"id\":6,\"mac\":\"0A00000000E9\"}"));
+  ASSERT_TRUE(chunks(2));
+  EXPECT_EQ(-1, playlist_start_play(-1, 0, "{\"id\":7}"));
+  EXPECT_EQ(-1, playlist_start_play(4, 0, "{\"id\":7}"));
+  card_ready_ = false;  // the index can still be read, but the card is not to be trusted
+  ASSERT_EQ(0, playlist_start_play(2, 0, "{\"id\":8}"));
+  ASSERT_TRUE(chunks(3));
+  {
+    std::lock_guard<std::mutex> lock(viewer_.mu);
+    EXPECT_EQ(3u, viewer_.chunk_events);  // only the first list had events
+    EXPECT_EQ((std::vector<uint32_t>{5, 6, 8}), viewer_.chunk_ids);
+    EXPECT_EQ(0, viewer_.chunk_flags[0] & playbackmsg::kChunkRefused);
+    EXPECT_NE(0, viewer_.chunk_flags[1] & playbackmsg::kChunkRefused);
+    EXPECT_NE(0, viewer_.chunk_flags[2] & playbackmsg::kChunkNoCard);
+  }
+
+  // The last session's list waits for a viewer whose queue stays full; its stop ends it, and
+  // nothing of it comes once the viewer has room again.
+  card_ready_ = true;
+  viewer_.busy_left = 1 << 30;
+  ASSERT_EQ(0, playlist_start_play(3, 0, "{\"id\":9}"));
+  const size_t mark = log.Mark();
+  playlist_stop_play(3);
+  EXPECT_FALSE(log.Has("No playlist to stop for session 3", mark));
+  viewer_.busy_left = 0;
+  ASSERT_EQ(0, playlist_start_play(0, 0, "{\"id\":10}"));
+  ASSERT_TRUE(chunks(4));
+  std::lock_guard<std::mutex> lock(viewer_.mu);
+  EXPECT_EQ(10u, viewer_.chunk_ids.back());
+}
+
+TEST_F(PlayThreads, PlaysOfAnUnknownCameraOrEventOrOfAnUnreadableIndexAreRefused) {
+  auto play = [](const std::string& mac, uint32_t start) {
+    return "{\"mac\":\"" + mac + "\",\"start\":" + std::to_string(start) + ",\"offset\":0}";
+  };
+  for (const std::string& request :
+       {play(kCamWithoutIndex, kStart), play("0A00000000E9", kStart), play(kMac, kStart + 1)}) {
+    {
+      std::lock_guard<std::mutex> lock(viewer_.mu);
+      viewer_.states.clear();
+    }
+    EXPECT_EQ(-1, HandlePlayback(0, 0, request.c_str())) << request;
+    ASSERT_TRUE(viewer_.WaitState(PlayState::kRefused)) << request;
+    EXPECT_FALSE(playback_running(0));
+  }
+  std::lock_guard<std::mutex> lock(viewer_.mu);
+  EXPECT_EQ(0, viewer_.video);
 }
 
 }  // namespace
