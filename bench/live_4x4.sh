@@ -60,7 +60,9 @@ TARVO_PAIRING_PORT=$(free_port)
 TARVO_WAKE_PORT=$(free_port)
 TARVO_P2P_PORT=$(free_port)
 export TARVO_CAMERA_PORT TARVO_PAIRING_PORT TARVO_WAKE_PORT TARVO_P2P_PORT
-"$build/tarvo-p2p" >"$out/tarvo-p2p.log" 2>&1 &
+# TARVO_DAEMON_WRAP runs the daemon under a tool that keeps its process id (for example
+# "valgrind --tool=massif --massif-out-file=out.massif"); unset, the daemon runs alone.
+${TARVO_DAEMON_WRAP:-} "$build/tarvo-p2p" >"$out/tarvo-p2p.log" 2>&1 &
 daemon=$!
 pids+=($daemon)
 
@@ -92,6 +94,28 @@ for _ in $(seq 100); do [ -s "$out/credentials" ] && break; sleep 0.1; done
 sleep 2
 
 status_kib() { awk -v k="$1:" '$1 == k { print $2 }' "/proc/$daemon/status"; }
+
+# The peak split into the daemon's own memory (anonymous: heaps, stacks, buffers) and the
+# file-backed part (mostly shared libraries), each the largest of samples taken every 0.1 s.
+# At each new anonymous maximum the mappings are kept in smaps-at-peak.txt.
+sample_memory() {
+  local anon file max_anon=0 max_file=0
+  while [ ! -e "$out/sampler.stop" ] && kill -0 "$daemon" 2>/dev/null; do
+    read -r anon file < <(awk '$1 == "RssAnon:" { a = $2 } $1 == "RssFile:" { f = $2 }
+                               END { print a + 0, f + 0 }' "/proc/$daemon/status" 2>/dev/null) ||
+      break
+    if [ "$anon" -gt "$max_anon" ]; then
+      max_anon=$anon
+      cp "/proc/$daemon/smaps" "$out/smaps-at-peak.txt" 2>/dev/null || true
+    fi
+    [ "$file" -gt "$max_file" ] && max_file=$file
+    echo "$max_anon $max_file" >"$out/memory-peak.tmp" && mv "$out/memory-peak.tmp" "$out/memory-peak"
+    sleep 0.1
+  done
+}
+sample_memory &
+sampler=$!
+pids+=($sampler)
 cpu_ticks() { awk '{print $14 + $15}' "/proc/$daemon/stat"; }
 hz=$(getconf CLK_TCK)
 idle_rss=$(status_kib VmRSS)
@@ -141,10 +165,17 @@ phase one "${macs[@]}"
 sleep 3
 phase four "${macs[0]}" "${macs[0]}" "${macs[0]}" "${macs[0]}" -- "${macs[1]}" "${macs[2]}" "${macs[3]}"
 wait_line "$out/tarvo-p2p.log" 90 "handle alarm \(succeed\|failed\)\|upload retry more than 3"
-echo "peak   RSS $(status_kib VmHWM) KiB (VmHWM); now $(status_kib VmRSS) KiB, anonymous $(status_kib RssAnon) KiB, file-backed $(status_kib RssFile) KiB"
+touch "$out/sampler.stop"
+wait "$sampler" 2>/dev/null || true
+read -r peak_anon peak_file <"$out/memory-peak"
+echo "peak   RSS $(status_kib VmHWM) KiB (VmHWM); sampled peaks: anonymous $peak_anon KiB, file-backed $peak_file KiB"
+echo "end    RSS $(status_kib VmRSS) KiB, anonymous $(status_kib RssAnon) KiB, file-backed $(status_kib RssFile) KiB"
 echo "events $(grep -c 'handle alarm succeed' "$out/tarvo-p2p.log" || true) clips uploaded"
 # Where the memory is: the largest resident mappings (anonymous ones have no name).
 awk '/^[0-9a-f]+-[0-9a-f]+ / { name = $6 == "" ? "[anonymous]" : $6 }
      /^Rss:/ { if ($2 >= 256) printf "%8d KiB  %s\n", $2, name }' "/proc/$daemon/smaps" |
   sort -rn | head -n 12 >"$out/largest-mappings.txt"
-echo "largest resident mappings: $out/largest-mappings.txt"
+awk '/^[0-9a-f]+-[0-9a-f]+ / { name = $6 == "" ? "[anonymous]" : $6 }
+     /^Rss:/ { if ($2 >= 256) printf "%8d KiB  %s\n", $2, name }' "$out/smaps-at-peak.txt" |
+  sort -rn | head -n 12 >"$out/largest-mappings-at-peak.txt"
+echo "largest resident mappings: $out/largest-mappings.txt (at the end), $out/largest-mappings-at-peak.txt"
