@@ -11,6 +11,7 @@ class Bits {
   explicit Bits(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}
 
   bool failed() const { return failed_; }
+  void Fail() { failed_ = true; }
 
   uint32_t Bit() {
     if (pos_ >= bytes_.size() * 8) {
@@ -70,6 +71,10 @@ void SkipScalingList(Bits* bits, int size) {
   for (int j = 0; j < size && !bits->failed(); j++) {
     if (next != 0) {
       const uint32_t code = bits->Ue();  // se(v) delta_scale, -128..127
+      if (code > 255) {
+        bits->Fail();
+        return;
+      }
       const int delta =
           (code & 1) != 0 ? static_cast<int>((code + 1) / 2) : -static_cast<int>(code / 2);
       next = (last + delta + 256) % 256;

@@ -221,6 +221,21 @@ TEST(H264Sps, CutShortOrNotAnSpsIsUnspecified) {
   pps[0] = 0x68;
   EXPECT_EQ("0:1", Text(Read(pps)));
   EXPECT_EQ("0:1", Text(h264sps::SampleAspect(nullptr, 10)));
+  // A scaling list delta far outside -128..127 (as a fuzzer found, it overflowed the sum).
+  BitWriter w;
+  w.Bits(100, 8);
+  w.Bits(0, 16);
+  w.Ue(0);
+  w.Ue(1);
+  w.Ue(0);
+  w.Ue(0);
+  w.Bit(0);
+  w.Bit(1);           // scaling matrix present
+  w.Bit(1);           // list 0 present
+  w.Ue(0xFFFFFFF1u);  // its first delta: +2147483641
+  Bytes huge = {0x67};
+  for (uint8_t b : w.Finish()) huge.push_back(b);
+  EXPECT_EQ("0:1", Text(Read(huge)));
   // A run of zeros longer than any 32-bit code fails instead of reading on.
   Bytes zeros(64, 0);
   zeros[0] = 0x67;
