@@ -6,9 +6,11 @@
 #   four  all four viewers on the first camera while the three others raise motion events
 #         (their recorders store clips on the card and upload them).
 # Reports the daemon's RSS at idle (all cameras logged in, nobody watching), its peak RSS
-# (VmHWM) at the end, its CPU seconds per second of each phase, and per viewer the video frames
-# it received and the frames it lost (gaps in the camera's frame index). Every viewer reads as
-# fast as frames come.
+# (VmHWM) and the peaks of its anonymous and file-backed parts (sampled every 10 ms), its CPU
+# seconds per second of each phase, per viewer the video frames it received and the frames it
+# lost (gaps in the camera's frame index), and per phase and viewer the hub-added latency p50
+# and p99 (the camera simulator's send times joined with the viewers' arrival times). Every
+# viewer reads as fast as frames come.
 #   bench/live_4x4.sh [SECONDS]        (default 30; TARVO_BUILD_DIR picks the build, default build)
 # Works in out-4x4/ (made afresh); nothing else is touched.
 set -euo pipefail
@@ -69,7 +71,9 @@ pids+=($daemon)
 wait_line() {  # file seconds pattern [count]
   local file=$1 limit=$2 pattern=$3 count=${4:-1}
   for _ in $(seq $((limit * 10))); do
-    [ "$(grep -c -- "$pattern" "$file" 2>/dev/null || true)" -ge "$count" ] && return 0
+    local n
+    n=$(grep -c -- "$pattern" "$file" 2>/dev/null || true)
+    [ "${n:-0}" -ge "$count" ] && return 0
     kill -0 "$daemon" 2>/dev/null || { echo "tarvo-p2p ended, see $out/tarvo-p2p.log" >&2; exit 1; }
     sleep 0.1
   done
@@ -217,7 +221,7 @@ phase() {
   done
 }
 
-echo "4x4 live view, $seconds s per phase, $(nproc) processors"
+echo "4x4 live view, $seconds s per phase, $(nproc) processors, load average $(cut -d' ' -f1-3 /proc/loadavg)"
 echo "idle   RSS $idle_rss KiB (anonymous $idle_anon KiB: $(own_anon "$out/smaps-idle.txt"); peak so far $idle_hwm KiB)"
 phase one "${macs[@]}"
 sleep 3
@@ -228,7 +232,7 @@ wait "$sampler" 2>/dev/null || true
 read -r peak_anon peak_file <"$out/memory-peak"
 echo "peak   RSS $(status_kib VmHWM) KiB (VmHWM); sampled every 10 ms: anonymous $peak_anon KiB ($(own_anon "$out/smaps-at-peak.txt")), file-backed $peak_file KiB"
 echo "end    RSS $(status_kib VmRSS) KiB, anonymous $(status_kib RssAnon) KiB, file-backed $(status_kib RssFile) KiB"
-echo "events $(grep -c 'handle alarm succeed' "$out/tarvo-p2p.log" || true) clips uploaded"
+echo "events $(grep -c 'handle alarm succeed' "$out/tarvo-p2p.log" || true) clips uploaded; load average $(cut -d' ' -f1-3 /proc/loadavg)"
 # Where the memory is: the largest resident mappings (anonymous ones have no name).
 awk '/^[0-9a-f]+-[0-9a-f]+ / { name = $6 == "" ? "[anonymous]" : $6 }
      /^Rss:/ { if ($2 >= 256) printf "%8d KiB  %s\n", $2, name }' "/proc/$daemon/smaps" |
