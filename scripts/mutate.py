@@ -62,7 +62,7 @@ MODULES = {
     "p2p/wire": (["src/p2p/wire.cpp"], ["p2p_wire_test", "p2p_transport_mt_test"]),
     # Talk-back (the hub joining the viewer's channel) is exercised end to end only.
     "server/ioctrl": (["src/server/ioctrl.cpp"],
-                      ["ioctrl_test", "live_view_test:AMovedViewer|AClosedSession"]),
+                      ["ioctrl_test", "live_view_mt_test:AMovedViewer|AClosedSession"]),
     "server/pairing": (["src/server/pairing.cpp"],
                        ["camsim_parts_test", "camera_link_mt_test", "camsim_mt_test"]),
     "cloud/mqttclient": (["src/cloud/mqttclient.cpp"],

@@ -2,12 +2,16 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "base/log.h"
 #include "cloud/mqttclient.h"
@@ -34,6 +38,60 @@ namespace {
 
 bool Is(const char* word, const char* option) {
   return word != nullptr && std::strcmp(word, option) == 0;
+}
+
+// Fatal signals. A signal may interrupt any thread anywhere, also inside syslog or malloc, so the
+// signal handler itself only writes the number into a pipe; the reporter thread reads it, logs
+// the record through the normal log path (`handler`) and ends the process. A fault raised by the
+// interrupted thread's own instruction (a real SIGSEGV, SIGBUS, SIGFPE or SIGSYS) cannot return
+// to it, so that thread waits for the reporter and, should the reporter be blocked by a lock the
+// faulting thread holds, ends the process itself after two seconds, without the record.
+int signal_pipe[2] = {-1, -1};
+std::atomic<bool> reporter_running{false};
+
+bool RaisedByTheInstruction(int sig, const siginfo_t* info) {
+  return (sig == SIGSEGV || sig == SIGBUS || sig == SIGFPE || sig == SIGSYS) && info != nullptr &&
+         info->si_code > 0 && info->si_code != SI_KERNEL;
+}
+
+extern "C" void OnFatalSignal(int sig, siginfo_t* info, void*) {
+  const int saved_errno = errno;
+  if (!reporter_running.load()) _exit(1);  // before the logger is open: nothing to record with
+  ssize_t ignored = write(signal_pipe[1], &sig, sizeof sig);  // non-blocking; one number is enough
+  (void)ignored;
+  if (RaisedByTheInstruction(sig, info)) {
+    struct timespec tick = {0, 10 * 1000 * 1000};
+    for (int i = 0; i < 200; i++) nanosleep(&tick, nullptr);
+    _exit(1);
+  }
+  errno = saved_errno;
+}
+
+void InstallFatalSignals() {
+  if (pipe2(signal_pipe, O_CLOEXEC) == 0) {
+    fcntl(signal_pipe[1], F_SETFL, O_NONBLOCK);
+  }
+  struct sigaction action = {};
+  action.sa_sigaction = OnFatalSignal;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  for (int sig : {SIGSEGV, SIGFPE, SIGBUS, SIGSYS, SIGURG, SIGCONT})
+    sigaction(sig, &action, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+// Started once the logger is open (after daemonising, which keeps only the forking thread).
+void StartSignalReporter() {
+  if (signal_pipe[0] < 0) return;
+  std::thread([] {
+    for (;;) {
+      int sig = 0;
+      ssize_t n = read(signal_pipe[0], &sig, sizeof sig);
+      if (n == static_cast<ssize_t>(sizeof sig)) handler(sig);
+      if (n < 0 && errno != EINTR) return;
+    }
+  }).detach();
+  reporter_running.store(true);
 }
 
 }  // namespace
@@ -95,7 +153,8 @@ void InitLogger(Option* option) {
 
 void handler(int sig) {
   TLOG(LOG_DEBUG) << "Error: signal " << sig;
-  std::exit(1);
+  // The other threads keep running: destructors and exit handlers are not run under them.
+  _exit(1);
 }
 
 int RunHub(int argc, char** argv) {
@@ -103,8 +162,7 @@ int RunHub(int argc, char** argv) {
   eventloop::Loop();
 
   // 2. Fatal signals to one handler; SIGINT, SIGTERM and SIGHUP keep their default actions.
-  for (int sig : {SIGSEGV, SIGFPE, SIGBUS, SIGSYS, SIGURG, SIGCONT}) std::signal(sig, handler);
-  std::signal(SIGPIPE, SIG_IGN);
+  InstallFatalSignals();
 
   // 3. The board root is read before daemonising changes the working directory.
   platform::Root();
@@ -114,6 +172,7 @@ int RunHub(int argc, char** argv) {
   ParseOptions(&option, &config, argc, argv);  // 4.
   if (option.daemon) Daemonize();              // 5.
   InitLogger(&option);                         // 6.
+  StartSignalReporter();
 
   // A development machine's daemon runs only on a complete board: never the machine's own tools.
   if (platform::CheckBoard() < 0) {

@@ -16,7 +16,8 @@ struct Option {
 void ParseOptions(Option* option, Configuration* config, int argc, char** argv);
 void Daemonize();
 void InitLogger(Option* option);
-// Fatal-signal handler: logs "Error: signal N" and exits with status 1.
+// What a fatal signal ends in: logs "Error: signal N" and exits with status 1. The signal handler
+// installed at start-up only hands the number to a reporter thread, which calls this.
 void handler(int sig);
 
 // The whole daemon: start order, then the main event loop. Returns only when the loop ends.
