@@ -47,6 +47,7 @@ struct Sps {
   uint32_t profile = 66;
   uint32_t chroma = 1;
   bool scaling = false;
+  bool huge_delta = false;  // list 0's first delta out of range
   uint32_t poc_type = 0;
   uint32_t crop = 0;  // 0: no cropping, else this value for all four offsets
   bool vui = true;
@@ -79,6 +80,10 @@ Bytes Write(const Sps& s, size_t* inserted = nullptr) {
         // list 0 ends early (a next scale of 0: the rest repeats the last, nothing more is
         // coded); the others are coded whole
         int last = 8;
+        if (i == 0 && s.huge_delta) {
+          w.Ue(0xFFFFFFF1u);  // +2147483641, far outside -128..127
+          break;
+        }
         for (int j = 0; j < size; j++) {
           const int delta = i == 0 && j == 3 ? -last : (j % 2 == 0 ? 5 : -3);
           w.Se(delta);
@@ -221,21 +226,11 @@ TEST(H264Sps, CutShortOrNotAnSpsIsUnspecified) {
   pps[0] = 0x68;
   EXPECT_EQ("0:1", Text(Read(pps)));
   EXPECT_EQ("0:1", Text(h264sps::SampleAspect(nullptr, 10)));
-  // A scaling list delta far outside -128..127 (as a fuzzer found, it overflowed the sum).
-  BitWriter w;
-  w.Bits(100, 8);
-  w.Bits(0, 16);
-  w.Ue(0);
-  w.Ue(1);
-  w.Ue(0);
-  w.Ue(0);
-  w.Bit(0);
-  w.Bit(1);           // scaling matrix present
-  w.Bit(1);           // list 0 present
-  w.Ue(0xFFFFFFF1u);  // its first delta: +2147483641
-  Bytes huge = {0x67};
-  for (uint8_t b : w.Finish()) huge.push_back(b);
-  EXPECT_EQ("0:1", Text(Read(huge)));
+  // A scaling list delta far outside -128..127 (a fuzzer found the sum overflowing).
+  s.profile = 100;
+  s.scaling = true;
+  s.huge_delta = true;
+  EXPECT_EQ("0:1", Text(Read(Write(s))));
   // A run of zeros longer than any 32-bit code fails instead of reading on.
   Bytes zeros(64, 0);
   zeros[0] = 0x67;
@@ -251,17 +246,13 @@ TEST(H264Sps, DecoderConfigurationGivesItsFirstSps) {
   config.insert(config.end(), sps.begin(), sps.end());
   config.insert(config.end(), {1, 0, 4, 0x68, 0xCE, 0x3C, 0x80});  // one PPS
   EXPECT_EQ("12:11", Text(h264sps::SampleAspectOfConfig(config.data(), config.size())));
-  // the SPS length runs past the record, a wrong version, no SPS
+  // an SPS length past the end of the record, a record without SPS
   Bytes bad = config;
   bad[7] = static_cast<uint8_t>(config.size());
   EXPECT_EQ("0:1", Text(h264sps::SampleAspectOfConfig(bad.data(), bad.size())));
   bad = config;
-  bad[0] = 0;
-  EXPECT_EQ("0:1", Text(h264sps::SampleAspectOfConfig(bad.data(), bad.size())));
-  bad = config;
   bad[5] = 0xE0;
   EXPECT_EQ("0:1", Text(h264sps::SampleAspectOfConfig(bad.data(), bad.size())));
-  EXPECT_EQ("0:1", Text(h264sps::SampleAspectOfConfig(config.data(), 7)));
 }
 
 }  // namespace
