@@ -16,13 +16,11 @@
 #include <vector>
 
 #include "benchsupport.h"
+#include "benchtransport.h"
 #include "p2p/iotc.h"
 #include "viewer/p2pviewer.h"
 
 namespace {
-
-using benchsupport::AcceptAll;
-using benchsupport::FreePort;
 
 constexpr size_t kFileBytes = 32 * 1024 * 1024;
 constexpr size_t kPiece = 64 * 1024;  // as the hub's file transfer reads and writes
@@ -80,18 +78,11 @@ struct Session {
   uint8_t channel = 1;
 
   Session() {
-    const uint16_t port = FreePort();
-    IOTC_Set_Max_Session_Number(1);
-    if (IOTC_Initialize2(port) != 0 || IOTC_Device_Login(kUid, nullptr, kPassword) != 0 ||
-        avInitialize(4) < 0 || RDT_Initialize() < 1 ||
-        viewer.Connect("127.0.0.1", port, kUid, kPassword) != 0)
+    const uint16_t port = benchsupport::StartTransport(1, 4, kUid, kPassword);
+    if (RDT_Initialize() < 1 || viewer.Connect("127.0.0.1", port, kUid, kPassword) != 0) {
       std::abort();
-    while ((sid = IOTC_Listen(100)) == IOTC_ER_TIMEOUT) {
     }
-    auto login = std::async(std::launch::async, [this] { return viewer.Login("v", "x", 10000); });
-    int resend = 0;
-    if (sid < 0 || avServStart3(sid, AcceptAll, 15, 0, 0, &resend) < 0 || login.get() != 0)
-      std::abort();
+    sid = benchsupport::AcceptSession([this] { return viewer.Login("v", "x", 10000); }).sid;
   }
 };
 

@@ -14,12 +14,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
 
 #include "benchsupport.h"
+#include "benchtransport.h"
 #include "camera/camera.h"
 #include "camera/frame.h"
 #include "camera/livechannel.h"
@@ -32,10 +32,11 @@
 
 namespace {
 
-using benchsupport::AcceptAll;
-using benchsupport::FreePort;
+using benchsupport::AcceptSession;
+using benchsupport::KeyedClient;
 using benchsupport::kSlices;
 using benchsupport::SlicedFrame;
+using benchsupport::StartTransport;
 
 constexpr int kViewers = 4;
 constexpr size_t kKeyFrameBytes = 150 * 1024;
@@ -59,28 +60,13 @@ struct Hub {
 
   Hub() {
     if (sodium_init() < 0 || init_work_buffers() != 0) std::abort();
-    const uint16_t port = FreePort();
-    IOTC_Set_Max_Session_Number(kViewers);
-    if (IOTC_Initialize2(port) != 0 || IOTC_Device_Login(kUid, nullptr, kPassword) != 0 ||
-        avInitialize(12) < 0) {
-      std::abort();
-    }
+    const uint16_t port = StartTransport(kViewers, 12, kUid, kPassword);
     channel = std::make_unique<channel::LiveChannel>(
         std::make_shared<camera::Camera>("0A0B0C0D0E0F"), "02:1A:2B:3C:4D:5E");
     for (int i = 0; i < kViewers; i++) {
       p2p::Viewer& v = viewers[i];
       if (v.Connect("127.0.0.1", port, kUid, kPassword) != 0) std::abort();
-      int sid = IOTC_ER_TIMEOUT;
-      while (sid == IOTC_ER_TIMEOUT) sid = IOTC_Listen(100);
-      auto login = std::async(std::launch::async, [&v] { return v.Login("viewer", "x", 10000); });
-      int resend = 0;
-      const int av = avServStart3(sid, AcceptAll, 15, 0, 0, &resend);
-      if (sid < 0 || av < 0 || login.get() != 0) std::abort();
-      clients[i] = std::make_unique<client::Client>(sid);
-      clients[i]->SetAvIndex(av);
-      unsigned char key[32];
-      randombytes_buf(key, sizeof(key));
-      client_encrypt_info.Set(sid, key);
+      clients[i] = KeyedClient(AcceptSession([&v] { return v.Login("viewer", "x", 10000); }));
       received[i] = 0;
       drains[i] = std::thread([this, i] {
         p2p::ViewerFrame f;

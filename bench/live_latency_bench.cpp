@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "benchsupport.h"
+#include "benchtransport.h"
 #include "camera/camera.h"
 #include "camera/livechannel.h"
 #include "camsim/camsimwire.h"
@@ -40,8 +41,10 @@
 
 namespace {
 
-using benchsupport::AcceptAll;
+using benchsupport::AcceptSession;
 using benchsupport::FreePort;
+using benchsupport::KeyedClient;
+using benchsupport::StartTransport;
 
 using Clock = std::chrono::steady_clock;
 namespace wire = p2p::wire;
@@ -176,29 +179,17 @@ struct Hub {
 
   Hub() {
     if (sodium_init() < 0 || init_work_buffers() != 0) std::abort();
-    const uint16_t port = FreePort();
-    IOTC_Set_Max_Session_Number(kViewers);
-    if (IOTC_Initialize2(port) != 0 || IOTC_Device_Login(kUid, nullptr, kPassword) != 0 ||
-        avInitialize(12) < 0) {
-      std::abort();
-    }
+    const uint16_t port = StartTransport(kViewers, 12, kUid, kPassword);
     channel = std::make_shared<channel::LiveChannel>(
         std::make_shared<camera::Camera>("0A0B0C0D0E0F"), "02:1A:2B:3C:4D:5E");
     for (int i = 0; i < kViewers; i++) {
       viewers[i] = std::make_unique<RawViewer>(port);
       viewers[i]->Hello();
-      int sid = IOTC_ER_TIMEOUT;
-      while (sid == IOTC_ER_TIMEOUT) sid = IOTC_Listen(100);
-      int resend = 0;
-      const int av = avServStart3(sid, AcceptAll, 15, 0, 0, &resend);
-      if (sid < 0 || av < 0) std::abort();
-      viewers[i]->WaitLogin();
+      clients[i] = KeyedClient(AcceptSession([&] {
+        viewers[i]->WaitLogin();
+        return 0;
+      }));
       viewers[i]->Start();
-      clients[i] = std::make_unique<client::Client>(sid);
-      clients[i]->SetAvIndex(av);
-      unsigned char key[32];
-      randombytes_buf(key, sizeof(key));
-      client_encrypt_info.Set(sid, key);
       channel->RegisteVideoForLiveClient(clients[i].get());
     }
 

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "benchsupport.h"
+#include "benchtransport.h"
 #include "camera/channel.h"
 #include "camera/frameinfo.h"
 #include "camsim/camsimmedia.h"
@@ -136,27 +137,16 @@ void BM_SeekToFirstFrame(benchmark::State& state) {
   playlist_mgr_init(store);
   playback_mgr_init(SendCommand, SendVideo, SendAudio);
 
-  const uint16_t port = benchsupport::FreePort();
-  IOTC_Set_Max_Session_Number(1);
-  if (IOTC_Initialize2(port) != 0 || IOTC_Device_Login(kUid, nullptr, kPassword) != 0 ||
-      avInitialize(4) < 0) {
-    std::abort();
-  }
+  const uint16_t port = benchsupport::StartTransport(1, 4, kUid, kPassword);
   p2p::Viewer viewer;
   if (viewer.Connect("127.0.0.1", port, kUid, kPassword) != 0) std::abort();
-  int sid = IOTC_ER_TIMEOUT;
-  while (sid == IOTC_ER_TIMEOUT) sid = IOTC_Listen(100);
-  std::thread login([&] { viewer.Login("viewer", "{}", 10000); });
-  int resend = 0;
-  const int av = avServStart3(sid, benchsupport::AcceptAll, 15, 0, 0, &resend);
-  login.join();
-  if (sid < 0 || av < 0) std::abort();
-  client::Client slot(sid);
-  slot.SetAvIndex(av);
-  g_client = &slot;
-  unsigned char key[32];
-  randombytes_buf(key, sizeof(key));
-  client_encrypt_info.Set(sid, key);
+  const benchsupport::HubSession hub = benchsupport::AcceptSession([&] {
+    viewer.Login("viewer", "{}", 10000);
+    return 0;
+  });
+  const int sid = hub.sid, av = hub.av;
+  const auto slot = benchsupport::KeyedClient(hub);
+  g_client = slot.get();
 
   // The session thread, as the daemon's: I/O control handed to playback one at a time.
   std::atomic<bool> stop{false};

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -136,11 +137,15 @@ bool ParseNumber(const char* text, long long low, long long high, long long* out
   return true;
 }
 
-bool IsMac(const std::string& text) {
-  if (text.size() != 12) return false;
-  for (char c : text) {
+// A camera MAC: twelve hexadecimal digits, kept in upper case.
+bool ParseMac(const char* text, std::string* out) {
+  std::string mac = text;
+  if (mac.size() != 12) return false;
+  for (char& c : mac) {
     if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+    c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   }
+  *out = mac;
   return true;
 }
 
@@ -165,9 +170,7 @@ struct Args {
   bool quiet = false;
   bool download = false;
   viewer::DownloadOptions fetch;
-  bool has_uid = false, has_password = false, has_token = false, has_hub_key = false;
-  bool has_text = false;
-  std::string uid, password, token, hub_key, text;
+  std::optional<std::string> uid, password, token, hub_key, text;
 };
 
 // 0 to go on, 1 after --help, 2 on a usage error (printed).
@@ -188,10 +191,8 @@ int ParseArgs(int argc, char** argv, Args* a) {
     } else if (arg == "--download") {
       if (i + 3 >= argc) return Usage("--download needs MAC START DIR");
       a->download = true;
-      a->fetch.camera_mac = argv[++i];
-      if (!IsMac(a->fetch.camera_mac)) return Usage("--download needs twelve hexadecimal digits");
-      for (char& c : a->fetch.camera_mac) {
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+      if (!ParseMac(argv[++i], &a->fetch.camera_mac)) {
+        return Usage("--download needs twelve hexadecimal digits");
       }
       if (!ParseNumber(argv[++i], 1, 4294967295LL, &number)) return Usage("bad --download START");
       a->fetch.start = number;
@@ -214,22 +215,14 @@ int ParseArgs(int argc, char** argv, Args* a) {
       if (!ParseNumber(argv[++i], 0, 24LL * 3600 * 365, &number)) return Usage("bad --hold");
       a->hold_s = number;
     } else if (arg == "--live") {
-      a->live = argv[++i];
-      if (!IsMac(a->live)) return Usage("--live needs twelve hexadecimal digits");
-      for (char& c : a->live) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+      if (!ParseMac(argv[++i], &a->live)) return Usage("--live needs twelve hexadecimal digits");
     } else if (arg == "--events") {
       a->events = argv[++i];
-      if (a->events != "all" && !IsMac(a->events)) {
+      if (a->events != "all" && !ParseMac(argv[i], &a->events)) {
         return Usage("--events needs twelve hexadecimal digits or all");
       }
-      if (a->events != "all") {
-        for (char& c : a->events)
-          c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-      }
     } else if (arg == "--play") {
-      a->play = argv[++i];
-      if (!IsMac(a->play)) return Usage("--play needs twelve hexadecimal digits");
-      for (char& c : a->play) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+      if (!ParseMac(argv[++i], &a->play)) return Usage("--play needs twelve hexadecimal digits");
       if (i + 1 >= argc || !ParseNumber(argv[++i], 0, 4294967295LL, &number)) {
         return Usage("--play needs MAC START");
       }
@@ -267,19 +260,14 @@ int ParseArgs(int argc, char** argv, Args* a) {
       a->fetch.channel = static_cast<uint8_t>(number);
     } else if (arg == "--uid") {
       a->uid = argv[++i];
-      a->has_uid = true;
     } else if (arg == "--password") {
       a->password = argv[++i];
-      a->has_password = true;
     } else if (arg == "--sign-token") {
       a->token = argv[++i];
-      a->has_token = true;
     } else if (arg == "--sign-hub-key") {
       a->hub_key = argv[++i];
-      a->has_hub_key = true;
     } else if (arg == "--login-text") {
       a->text = argv[++i];
-      a->has_text = true;
     } else {
       return Usage("unknown option: " + arg);
     }
@@ -300,6 +288,17 @@ int ParseArgs(int argc, char** argv, Args* a) {
 }
 
 using Say = std::function<void(const std::string&)>;
+
+// The statistics of a finished recording and the files it wrote.
+void SayRecording(const viewer::LiveRecorder& recorder, const Args& args, const Say& say) {
+  say(viewer::VideoLine(recorder.video()));
+  say(viewer::AudioLine(recorder.audio()));
+  if (!args.record.h264_path.empty()) say("h264 " + args.record.h264_path);
+  if (!args.record.mp4_path.empty()) {
+    say("mp4 " + args.record.mp4_path + " frames " + std::to_string(recorder.mp4_frames()));
+  }
+  if (!args.record.alaw_path.empty()) say("alaw " + args.record.alaw_path);
+}
 
 // Ends the session as asked and gives the exit status.
 int EndSession(viewer::Session& session, const Args& args, const Say& say, int rc, bool failed) {
@@ -414,13 +413,7 @@ int RunPlay(viewer::Session& session, const Args& args, const Say& say) {
   } else {
     failed = true;
   }
-  say(viewer::VideoLine(recorder.video()));
-  say(viewer::AudioLine(recorder.audio()));
-  if (!args.record.h264_path.empty()) say("h264 " + args.record.h264_path);
-  if (!args.record.mp4_path.empty()) {
-    say("mp4 " + args.record.mp4_path + " frames " + std::to_string(recorder.mp4_frames()));
-  }
-  if (!args.record.alaw_path.empty()) say("alaw " + args.record.alaw_path);
+  SayRecording(recorder, args, say);
   return EndSession(session, args, say, rc, failed);
 }
 
@@ -438,11 +431,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "tarvo-viewer: %s\n", error.c_str());
     return 2;
   }
-  if (args.has_uid) credentials.uid = args.uid;
-  if (args.has_password) credentials.password = args.password;
-  if (args.has_token) credentials.device_token = args.token;
+  credentials.uid = args.uid.value_or(credentials.uid);
+  credentials.password = args.password.value_or(credentials.password);
+  credentials.device_token = args.token.value_or(credentials.device_token);
   // The hub key the sign is made for; the stream key is derived with the same one.
-  if (args.has_hub_key) credentials.public_key = args.hub_key;
+  credentials.public_key = args.hub_key.value_or(credentials.public_key);
 
   signal(SIGINT, OnSignal);
   signal(SIGTERM, OnSignal);
@@ -464,9 +457,8 @@ int main(int argc, char** argv) {
   say("session " + std::to_string(session.sid()) + " open on " + args.session.host + ":" +
       std::to_string(viewer::SessionPort(args.session)));
 
-  rc = args.has_text
-           ? session.LoginWithText(args.session.account, args.text, args.session.timeout_ms)
-           : session.Login(credentials, args.session);
+  rc = args.text ? session.LoginWithText(args.session.account, *args.text, args.session.timeout_ms)
+                 : session.Login(credentials, args.session);
   if (rc != 0) return refused("login", rc);
   say("login ok");
 
@@ -571,13 +563,7 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "error %s\n", error_text.c_str());
       failed = true;
     }
-    say(viewer::VideoLine(recorder.video()));
-    say(viewer::AudioLine(recorder.audio()));
-    if (!args.record.h264_path.empty()) say("h264 " + args.record.h264_path);
-    if (!args.record.mp4_path.empty()) {
-      say("mp4 " + args.record.mp4_path + " frames " + std::to_string(recorder.mp4_frames()));
-    }
-    if (!args.record.alaw_path.empty()) say("alaw " + args.record.alaw_path);
+    SayRecording(recorder, args, say);
   }
   if (!args.talk.empty()) {
     say("talk frames " + std::to_string(talk.frames) + " bytes " + std::to_string(talk.bytes));

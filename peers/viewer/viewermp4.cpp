@@ -10,39 +10,11 @@ extern "C" {
 
 #include <cstring>
 #include <utility>
-#include <vector>
+
+#include "media/h264units.h"
 
 namespace viewer {
 namespace {
-
-struct Unit {
-  size_t begin;  // first byte after the start code
-  size_t end;
-};
-
-// The NAL units of an Annex B stream.
-std::vector<Unit> Units(const uint8_t* d, size_t n) {
-  std::vector<Unit> units;
-  size_t i = 0;
-  size_t begin = 0;
-  bool in_unit = false;
-  while (i + 3 <= n) {
-    if (d[i] == 0 && d[i + 1] == 0 && d[i + 2] == 1) {
-      if (in_unit) {
-        size_t end = i;
-        if (end > begin && d[end - 1] == 0) end--;  // the first zero of a 4-byte start code
-        units.push_back({begin, end});
-      }
-      begin = i + 3;
-      in_unit = true;
-      i += 3;
-    } else {
-      i++;
-    }
-  }
-  if (in_unit && begin < n) units.push_back({begin, n});
-  return units;
-}
 
 std::string AvError(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {0};
@@ -51,22 +23,6 @@ std::string AvError(int code) {
 }
 
 }  // namespace
-
-std::string ParameterSets(const uint8_t* data, size_t n) {
-  std::string sets;
-  bool sps = false;
-  bool pps = false;
-  for (const Unit& u : Units(data, n)) {
-    if (u.end <= u.begin) continue;
-    const int type = data[u.begin] & 0x1F;
-    if (type != 7 && type != 8) continue;
-    sps = sps || type == 7;
-    pps = pps || type == 8;
-    sets.append("\x00\x00\x00\x01", 4);
-    sets.append(reinterpret_cast<const char*>(data + u.begin), u.end - u.begin);
-  }
-  return sps && pps ? sets : std::string();
-}
 
 Mp4Remux::Mp4Remux(std::string path, int fps) : path_(std::move(path)), fps_(fps > 0 ? fps : 15) {}
 
@@ -82,7 +38,7 @@ int Mp4Remux::Fail(const std::string& what, int code) {
 }
 
 int Mp4Remux::Start(const uint8_t* data, size_t n, uint16_t width, uint16_t height) {
-  const std::string sets = ParameterSets(data, n);
+  const std::string sets = h264::ParameterSets(data, n);
   if (sets.empty()) return 1;
   int rc = avformat_alloc_output_context2(&out_, nullptr, "mp4", path_.c_str());
   if (rc < 0 || out_ == nullptr) return Fail("cannot make an MP4 muxer", rc);

@@ -50,8 +50,4 @@ class Mp4Remux {
   std::string error_;
 };
 
-// The sequence and picture parameter sets of an Annex B access unit, each with a 4-byte start
-// code, in frame order; empty when the unit holds neither an SPS nor a PPS.
-std::string ParameterSets(const uint8_t* data, size_t n);
-
 }  // namespace viewer

@@ -22,6 +22,7 @@ extern "C" {
 
 #include "base/log.h"
 #include "media/h264sps.h"
+#include "media/h264units.h"
 
 namespace {
 
@@ -37,52 +38,6 @@ std::string AvError(int code) {
   char text[AV_ERROR_MAX_STRING_SIZE] = {0};
   av_strerror(code, text, sizeof(text));
   return text;
-}
-
-// The NAL units of an Annex B access unit, as [begin, end) of their bytes after the start code.
-template <typename F>
-void ForEachNal(const uint8_t* d, size_t n, F&& f) {
-  size_t i = 0;
-  size_t begin = 0;
-  bool in_unit = false;
-  while (i + 3 <= n) {
-    if (d[i] == 0 && d[i + 1] == 0 && d[i + 2] == 1) {
-      if (in_unit) {
-        size_t end = i;
-        while (end > begin && d[end - 1] == 0) end--;  // trailing zeros and a 4-byte code's zero
-        if (end > begin) f(begin, end);
-      }
-      begin = i + 3;
-      in_unit = true;
-      i += 3;
-    } else {
-      i++;
-    }
-  }
-  if (in_unit && begin < n) f(begin, n);
-}
-
-// The SPS and PPS units of an access unit, each after a 4-byte start code; empty unless both
-// are there.
-std::string ParameterSets(const uint8_t* d, size_t n) {
-  std::string sets;
-  bool sps = false;
-  bool pps = false;
-  ForEachNal(d, n, [&](size_t begin, size_t end) {
-    const int type = d[begin] & 0x1F;
-    if (type != 7 && type != 8) return;
-    sps = sps || type == 7;
-    pps = pps || type == 8;
-    sets.append("\x00\x00\x00\x01", 4);
-    sets.append(reinterpret_cast<const char*>(d + begin), end - begin);
-  });
-  return sps && pps ? sets : std::string();
-}
-
-bool HasIdrSlice(const uint8_t* d, size_t n) {
-  bool idr = false;
-  ForEachNal(d, n, [&](size_t begin, size_t) { idr = idr || (d[begin] & 0x1F) == 5; });
-  return idr;
 }
 
 // Copies every packet of the clip at from into an ordinary (unfragmented) file at to, with the
@@ -186,8 +141,8 @@ struct OruMp4Writer {
   }
 
   int Start(const uint8_t* data, size_t n) {
-    const std::string sets = ParameterSets(data, n);
-    if (sets.empty() || !HasIdrSlice(data, n)) return 1;
+    const std::string sets = h264::ParameterSets(data, n);
+    if (sets.empty() || !h264::HasIdrSlice(data, n)) return 1;
     AVCodecParameters* par = ctx->streams[0]->codecpar;
     par->extradata = static_cast<uint8_t*>(av_mallocz(sets.size() + AV_INPUT_BUFFER_PADDING_SIZE));
     if (par->extradata == nullptr) return AVERROR(ENOMEM);
@@ -304,7 +259,7 @@ int orump4_write_video_frame(ORU_MP4_HANDLE w, const uint8_t* data, uint32_t siz
   w->packet->pts = av_rescale_q(pts, AVRational{1, kVideoTimeBase}, st->time_base);
   w->packet->dts = w->packet->pts;
   w->packet->duration = av_rescale_q(frame, AVRational{1, kVideoTimeBase}, st->time_base);
-  if (HasIdrSlice(data, size)) w->packet->flags |= AV_PKT_FLAG_KEY;
+  if (h264::HasIdrSlice(data, size)) w->packet->flags |= AV_PKT_FLAG_KEY;
   rc = w->Write(w->packet);
   if (rc < 0) return rc;
   w->last_video_pts = pts;

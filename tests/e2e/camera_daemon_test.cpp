@@ -10,7 +10,6 @@
 #include <chrono>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,6 +18,7 @@
 #include "camsim/camsimarp.h"
 #include "cloudsim/cloudsim.h"
 #include "support/broker.h"
+#include "support/hubcamera.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -41,10 +41,7 @@ class CameraDaemon : public ::testing::Test {
     }
     testsupport::MakeBoard(board_.path(), options);
     env_ = testsupport::HubEnv(board_.path(), broker_.Env());
-    hub_.ip = env_["TARVO_HUB_IP"];
-    hub_.camera_port = testsupport::EnvPort(env_, "TARVO_CAMERA_PORT");
-    hub_.pairing_port = testsupport::EnvPort(env_, "TARVO_PAIRING_PORT");
-    hub_.wake_port = testsupport::EnvPort(env_, "TARVO_WAKE_PORT");
+    hub_ = testsupport::CameraEndpoint(env_);
     ASSERT_TRUE(testsupport::StartHub(env_, &daemon_));
     agent_ = broker_.StartAgent();
   }
@@ -53,8 +50,7 @@ class CameraDaemon : public ::testing::Test {
     for (auto& c : cameras_) c->Stop();
     if (HasFailure() && daemon_ != nullptr) {
       daemon_->PrintLines("hub: ");
-      std::lock_guard<std::mutex> lock(log_mutex_);
-      for (const auto& line : camera_log_) std::fprintf(stderr, "camera: %s\n", line.c_str());
+      camera_log_.Print();
     }
   }
 
@@ -71,10 +67,7 @@ class CameraDaemon : public ::testing::Test {
     EXPECT_EQ(0, camsim::SetArpEntry(board_.path(), ip, mac, &error)) << error;
     cameras_.push_back(std::make_unique<camsim::Camera>(config, hub_, behaviour));
     camsim::Camera& camera = *cameras_.back();
-    camera.SetLogger([this](const std::string& m, const std::string& text) {
-      std::lock_guard<std::mutex> lock(log_mutex_);
-      camera_log_.push_back(m + " " + text);
-    });
+    camera.SetLogger(camera_log_.Logger());
     EXPECT_EQ(0, camera.Start(&error)) << error;
     return camera;
   }
@@ -117,13 +110,12 @@ class CameraDaemon : public ::testing::Test {
   testsupport::Broker broker_;
   testsupport::TempDir board_;
   camsim::HubEndpoint hub_;
+  testsupport::CameraLog camera_log_;
   std::map<std::string, std::string> env_;
   std::unique_ptr<testsupport::Process> daemon_;
   std::unique_ptr<cloudsim::CloudAgent> agent_;
   std::vector<std::unique_ptr<camsim::Camera>> cameras_;
   int pairings_ = 0;
-  std::mutex log_mutex_;
-  std::vector<std::string> camera_log_;
 };
 
 TEST_F(CameraDaemon, CamerasOnTheirOwnAddressesPairConnectAndLogIn) {

@@ -4,51 +4,41 @@
 // in the test) fetching clip and snapshot over the session's reliable transfer. Then refusals of
 // bad requests, a second request during a running download, and sessions that end mid-transfer.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <chrono>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "camsim/camsim.h"
-#include "camsim/camsimarp.h"
-#include "cloudsim/cloudsim.h"
 #include "p2p/iotc.h"
 #include "platform/board.h"
 #include "server/iotypes.h"
-#include "support/broker.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
-#include "viewer/credentials.h"
+#include "support/viewerhub.h"
+#include "support/viewers.h"
 #include "viewer/viewerdownload.h"
 #include "viewer/viewersession.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using testsupport::ExitCode;
 using testsupport::FileExists;
 using testsupport::Process;
 using testsupport::ReadFile;
-using testsupport::WaitFor;
 
 constexpr char kCam[] = "0A00000000D7";
 constexpr char kIp[] = "127.0.0.127";
 constexpr char kRecordRoot[] = "/mnt/mmcblk0p1/KELDA_RECORD_VIDEO";
 constexpr int kWait = 10000;
 
-int ExitCode(int status) {
-  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST(DownloadTool, HelpNamesTheOptionsAndBadArgumentsAreUsageErrors) {
   auto run = [](std::vector<std::string> args) {
-    args.insert(args.begin(), testsupport::BinPath("tarvo-viewer"));
-    auto p = std::make_unique<Process>(args, std::map<std::string, std::string>{});
+    auto p = testsupport::ViewerTool(args);
     const int code = ExitCode(p->Wait());
     std::string text;
     for (const auto& line : p->Lines()) text += line + "\n";
@@ -68,48 +58,21 @@ TEST(DownloadTool, HelpNamesTheOptionsAndBadArgumentsAreUsageErrors) {
   }
 }
 
-class Download : public ::testing::Test {
+class Download : public testsupport::ViewerHubTest {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(broker_.Start());
-    testsupport::MakeBoard(board_.path(),
-                           {"--card", "--force", "--camera", std::string(kCam) + "," + kIp});
+    MakeBoard({"--card", "--force", "--camera", std::string(kCam) + "," + kIp});
     platform::SetRootForTest(board_.path());
-    env_ = testsupport::HubEnv(board_.path(), broker_.Env());
-    ASSERT_TRUE(testsupport::StartHub(env_, &daemon_));
-    cloudsim::Options agent;
-    agent.board = board_.path();
-    agent.credentials_file = Credentials();
-    agent_ = broker_.StartAgent(agent);
-    ASSERT_NE(nullptr, agent_);
-    agent_->SendLocalStatus("cloud_connected");
-    ASSERT_NE("", daemon_->WaitForLine("first report tutk info ok$", 30s));
-    ASSERT_TRUE(WaitFor([&] {
-      viewer::Credentials c;
-      return viewer::ReadCredentialsFile(Credentials(), &c) == 0 &&
-             c.password == daemon_->LastMatch("MakeNewAvPass: ([0-9]{6})$");
-    }));
-    options_.port = testsupport::EnvPort(env_, "TARVO_P2P_PORT");
+    StartHub();
+    options_.port = p2p_port_;
   }
 
-  void TearDown() override {
-    if (camera_ != nullptr) camera_->Stop();
-    if (daemon_ != nullptr) {
-      EXPECT_FALSE(daemon_->HasLine("ERROR: (Address|Leak|Thread)Sanitizer|runtime error:"));
-      if (HasFailure()) daemon_->PrintLines("hub: ");
-    }
-  }
-
-  std::string Credentials() { return board_.path() + "/tmp/app-credentials"; }
   std::string Root() { return board_.path() + kRecordRoot; }
 
   // A viewer session, logged in.
   void Open(viewer::Session* s) {
-    viewer::AppCredentials c;
-    std::string error;
-    ASSERT_EQ(0, viewer::LoadCredentials(Credentials(), &c, &error)) << error;
-    ASSERT_EQ(0, s->Connect(c, options_));
-    ASSERT_EQ(0, s->Login(c, options_));
+    ASSERT_EQ(0, s->Connect(creds_, options_));
+    ASSERT_EQ(0, s->Login(creds_, options_));
   }
 
   // The hub's answer to a download request.
@@ -139,36 +102,15 @@ class Download : public ::testing::Test {
     return clip;
   }
 
-  testsupport::Broker broker_;
-  testsupport::TempDir board_;
   testsupport::TempDir out_;
-  std::map<std::string, std::string> env_;
-  std::unique_ptr<Process> daemon_;
-  std::unique_ptr<cloudsim::CloudAgent> agent_;
-  std::unique_ptr<camsim::Camera> camera_;
   viewer::SessionOptions options_;
 };
 
 TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
-  camsim::CameraConfig config;
-  config.mac = kCam;
-  config.ip = kIp;
-  config.video_file = testsupport::TestMedia("camera-1080p15.h264");
-  config.audio_file = testsupport::TestMedia("camera-8k.alaw");
-  std::string error;
-  ASSERT_EQ(0, camsim::SetArpEntry(board_.path(), kIp, kCam, &error)) << error;
-  camsim::HubEndpoint hub;
-  hub.ip = env_["TARVO_HUB_IP"];
-  hub.camera_port = testsupport::EnvPort(env_, "TARVO_CAMERA_PORT");
-  hub.pairing_port = testsupport::EnvPort(env_, "TARVO_PAIRING_PORT");
-  hub.wake_port = testsupport::EnvPort(env_, "TARVO_WAKE_PORT");
   camsim::Behaviour behaviour;
   behaviour.pir_stream = 60s;
-  camera_ = std::make_unique<camsim::Camera>(config, hub, behaviour);
-  ASSERT_EQ(0, camera_->Start(&error)) << error;
-  ASSERT_EQ(0, camera_->Connect(&error)) << error;
-  ASSERT_NE("", daemon_->WaitForLine("Camera " + std::string(kCam) + " login hardver: ", 30s));
-  ASSERT_EQ(0, camera_->RaisePir());
+  camsim::Camera& camera = NewCamera(testsupport::TestMediaCamera(kCam, kIp), behaviour);
+  ASSERT_EQ(0, camera.RaisePir());
   ASSERT_NE("", daemon_->WaitForLine("Found a PIR event camera: ", 30s));
   const long t =
       std::atol(daemon_->LastMatch("Found a PIR event camera: \\w+ time: ([0-9]+)").c_str());
@@ -179,11 +121,7 @@ TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
   const std::string jpeg = testsupport::EventPath(Root(), kCam, t, "jpeg");
   ASSERT_TRUE(FileExists(clip) && FileExists(jpeg));
 
-  auto tool = std::make_unique<Process>(
-      std::vector<std::string>{testsupport::BinPath("tarvo-viewer"), "--credentials", Credentials(),
-                               "--port", env_["TARVO_P2P_PORT"], "--download", kCam,
-                               std::to_string(t), out_.path()},
-      std::map<std::string, std::string>{});
+  auto tool = Viewer({"--download", kCam, std::to_string(t), out_.path()});
   EXPECT_EQ(0, ExitCode(tool->Wait()));
   const std::string clip_name = clip.substr(clip.rfind('/') + 1);
   const std::string jpeg_name = jpeg.substr(jpeg.rfind('/') + 1);
@@ -200,11 +138,7 @@ TEST_F(Download, ARecordedEventComesByteIdenticalThroughTheViewerTool) {
                                          std::to_string(snapshot.size()) + " bytes",
                                      5s));
   // An event that is not on the card: the tool says so and exits 1.
-  auto missing = std::make_unique<Process>(
-      std::vector<std::string>{testsupport::BinPath("tarvo-viewer"), "--credentials", Credentials(),
-                               "--port", env_["TARVO_P2P_PORT"], "--download", kCam,
-                               std::to_string(t + 1), out_.path()},
-      std::map<std::string, std::string>{});
+  auto missing = Viewer({"--download", kCam, std::to_string(t + 1), out_.path()});
   EXPECT_EQ(1, ExitCode(missing->Wait()));
   EXPECT_TRUE(missing->HasLine("^error download: refused mp4 result -3$"));
 }

@@ -5,37 +5,32 @@
 // camera sent, the tool's MP4 is read by ffprobe, a viewer moves between cameras, talkback
 // reaches a camera, and a viewer that reads nothing never holds up the other.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "camsim/camsim.h"
-#include "camsim/camsimarp.h"
 #include "camsim/camsimmedia.h"
-#include "cloudsim/cloudsim.h"
-#include "viewer/credentials.h"
 #include "server/ioctrl.h"
-#include "support/broker.h"
+#include "support/mediaprobe.h"
 #include "support/testsupport.h"
-#include "viewer/viewerframe.h"
-#include "viewer/viewersession.h"
+#include "support/viewerhub.h"
+#include "support/viewers.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
+using testsupport::ExitCode;
 using testsupport::Process;
 using testsupport::WaitFor;
 
@@ -43,18 +38,6 @@ const char kCamA[] = "0A00000000A1";
 const char kCamB[] = "0A00000000B2";
 const char kIpA[] = "127.0.0.121";
 const char kIpB[] = "127.0.0.122";
-
-// The media of scripts/make-test-media.sh, made once into the build folder.
-std::string TestMedia(const std::string& name) {
-  static const std::string dir = std::string(TARVO_BIN_DIR) + "/test-media";
-  static const int made = std::system(
-      (testsupport::SourcePath("scripts/make-test-media.sh") + " " + dir + " >/dev/null").c_str());
-  return made == 0 ? dir + "/" + name : "";
-}
-
-int ExitCode(int status) {
-  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 Bytes ReadBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -65,8 +48,8 @@ std::string LiveStart(const std::string& mac) {
   return "{\"mac\":\"" + mac + "\",\"videoquality\":2}";
 }
 
-// A viewer in this process: a session held on a thread of its own, every frame decrypted and
-// compared with the clips the cameras stream.
+// A viewer in this process whose every video frame is compared with the clips the cameras
+// stream.
 class Watcher {
  public:
   struct Frame {
@@ -76,28 +59,26 @@ class Watcher {
   };
 
   Watcher(std::vector<std::shared_ptr<const camsim::VideoClip>> clips) : clips_(std::move(clips)) {}
-  ~Watcher() { Stop(); }
 
-  int Open(const viewer::AppCredentials& creds, uint16_t port) {
-    viewer::SessionOptions options;
-    options.port = port;
-    const int rc = session_.Connect(creds, options);
-    return rc != 0 ? rc : session_.Login(creds, options);
-  }
-  int Send(uint32_t type, const std::string& payload) { return session_.SendIoCtrl(type, payload); }
+  int Open(const viewer::AppCredentials& creds, uint16_t port) { return viewer_.Open(creds, port); }
+  int Send(uint32_t type, const std::string& payload) { return viewer_.Send(type, payload); }
 
   // Starts reading what the hub sends.
   void Read() {
-    thread_ = std::thread([this] {
-      viewer::Handlers h;
-      h.frame = [this](const p2p::ViewerFrame& f) { Take(f); };
-      session_.Hold(std::chrono::steady_clock::time_point::max(), stop_, h);
+    viewer_.Read([this](bool video, const viewer::FrameInfo& info, Bytes plain) {
+      if (!video) {
+        audio_++;
+        return;
+      }
+      int clip = -1;
+      for (size_t c = 0; c < clips_.size(); c++) {
+        if (clips_[c]->at(info.frame_index).data == plain) clip = static_cast<int>(c);
+      }
+      std::lock_guard<std::mutex> lock(mu_);
+      frames_.push_back({info.frame_index, info.key_frame, clip});
     });
   }
-  void Stop() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-  }
+  void Stop() { viewer_.Stop(); }
 
   std::vector<Frame> Frames() {
     std::lock_guard<std::mutex> lock(mu_);
@@ -109,129 +90,44 @@ class Watcher {
     for (const Frame& f : frames_) n += f.clip == clip ? 1 : 0;
     return n;
   }
-  int undecodable() const { return undecodable_.load(); }
+  int undecodable() const { return viewer_.undecodable(); }
   int audio() const { return audio_.load(); }
-  viewer::Session& session() { return session_; }
+  viewer::Session& session() { return viewer_.session(); }
 
  private:
-  void Take(const p2p::ViewerFrame& f) {
-    Bytes plain;
-    viewer::FrameInfo info;
-    if (viewer::ParseFrameInfo(f.info, &info) != 0 ||
-        viewer::DecryptFrame(f, session_.key(), &plain) != 0 || !info.encrypted) {
-      undecodable_++;
-      return;
-    }
-    if (!f.video) {
-      audio_++;
-      return;
-    }
-    int clip = -1;
-    for (size_t c = 0; c < clips_.size(); c++) {
-      if (clips_[c]->at(info.frame_index).data == plain) clip = static_cast<int>(c);
-    }
-    std::lock_guard<std::mutex> lock(mu_);
-    frames_.push_back({info.frame_index, info.key_frame, clip});
-  }
-
   std::vector<std::shared_ptr<const camsim::VideoClip>> clips_;
-  viewer::Session session_;
-  std::thread thread_;
-  std::atomic<bool> stop_{false};
   std::mutex mu_;
   std::vector<Frame> frames_;
-  std::atomic<int> undecodable_{0};
   std::atomic<int> audio_{0};
+  testsupport::HeldViewer viewer_;  // last: its thread ends before the rest goes
 };
 
-class LiveView : public ::testing::Test {
+class LiveView : public testsupport::ViewerHubTest {
  protected:
   void SetUp() override {
-    video_ = TestMedia("camera-1080p15.h264");
-    audio_ = TestMedia("camera-8k.alaw");
+    video_ = testsupport::TestMedia("camera-1080p15.h264");
+    audio_ = testsupport::TestMedia("camera-8k.alaw");
     ASSERT_FALSE(video_.empty()) << "scripts/make-test-media.sh failed";
     std::string error;
     clip_ = camsim::VideoClip::Load(video_, &error);
     ASSERT_NE(nullptr, clip_) << error;
     synthetic_ = camsim::VideoClip::Synthetic();
-
-    ASSERT_TRUE(broker_.Start());
-    testsupport::MakeBoard(board_.path(), {"--force", "--camera", std::string(kCamA) + "," + kIpA,
-                                           "--camera", std::string(kCamB) + "," + kIpB});
-    const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
-    hub_.ip = env.at("TARVO_HUB_IP");
-    hub_.camera_port = testsupport::EnvPort(env, "TARVO_CAMERA_PORT");
-    hub_.pairing_port = testsupport::EnvPort(env, "TARVO_PAIRING_PORT");
-    hub_.wake_port = testsupport::EnvPort(env, "TARVO_WAKE_PORT");
-    p2p_port_ = testsupport::EnvPort(env, "TARVO_P2P_PORT");
-    ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
-
-    creds_path_ = board_.path() + "/tmp/app-credentials";
-    cloudsim::Options options;
-    options.host = "127.0.0.1";
-    options.port = broker_.port();
-    options.board = board_.path();
-    options.credentials_file = creds_path_;
-    agent_ = std::make_unique<cloudsim::CloudAgent>(options);
-    ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
-    agent_->SendLocalStatus("cloud_connected");
-    ASSERT_NE("", daemon_->WaitForLine("first report tutk info ok$", 30s));
-    // The file holds the password the hub uses now.
-    ASSERT_TRUE(WaitFor([&] {
-      return viewer::LoadCredentials(creds_path_, &creds_, &error) == 0 &&
-             "MakeNewAvPass: " + creds_.password == LastLine("MakeNewAvPass: ");
-    }));
+    MakeBoard({"--force", "--camera", std::string(kCamA) + "," + kIpA, "--camera",
+               std::string(kCamB) + "," + kIpB});
+    StartHub();
   }
 
-  void TearDown() override {
-    for (auto& c : cameras_) c->Stop();
-    if (HasFailure() && daemon_ != nullptr) {
-      for (const auto& line : daemon_->Lines()) std::fprintf(stderr, "hub: %s\n", line.c_str());
-      std::lock_guard<std::mutex> lock(log_mutex_);
-      for (const auto& line : camera_log_) std::fprintf(stderr, "camera: %s\n", line.c_str());
-    }
-  }
-
-  std::string LastLine(const std::string& text) {
-    std::string last;
-    for (const auto& line : daemon_->Lines()) {
-      const size_t at = line.find(text);
-      if (at != std::string::npos) last = line.substr(at);
-    }
-    return last;
-  }
-  int Lines(const std::string& pattern) {
-    const std::regex re(pattern);
-    int n = 0;
-    for (const auto& line : daemon_->Lines()) n += std::regex_search(line, re) ? 1 : 0;
-    return n;
-  }
+  int Lines(const std::string& pattern) { return daemon_->CountLines(pattern); }
 
   // A camera, connected and logged in. The clip: the generated media, else generated frames.
   camsim::Camera& NewCamera(const std::string& mac, const std::string& ip, bool clip,
                             const std::string& talk_file = "") {
-    camsim::CameraConfig config;
-    config.mac = mac;
-    config.ip = ip;
-    if (clip) {
-      config.video_file = video_;
-      config.audio_file = audio_;
-    }
+    camsim::CameraConfig config = testsupport::TestMediaCamera(mac, ip);
+    if (!clip) config.video_file = config.audio_file = "";
     config.talk_file = talk_file;
-    std::string error;
-    EXPECT_EQ(0, camsim::SetArpEntry(board_.path(), ip, mac, &error)) << error;
     camsim::Behaviour behaviour;
     behaviour.awake_time = 0ms;  // streams and answers until told to sleep
-    cameras_.push_back(std::make_unique<camsim::Camera>(config, hub_, behaviour));
-    camsim::Camera& camera = *cameras_.back();
-    camera.SetLogger([this](const std::string& m, const std::string& text) {
-      std::lock_guard<std::mutex> lock(log_mutex_);
-      camera_log_.push_back(m + " " + text);
-    });
-    EXPECT_EQ(0, camera.Start(&error)) << error;
-    EXPECT_EQ(0, camera.Connect(&error)) << error;
-    EXPECT_TRUE(WaitFor([&] { return Lines("Camera " + mac + " login hardver: ") >= 1; }));
-    return camera;
+    return ViewerHubTest::NewCamera(config, behaviour);
   }
 
   std::unique_ptr<Watcher> NewWatcher() {
@@ -241,30 +137,12 @@ class LiveView : public ::testing::Test {
     return w;
   }
 
-  std::unique_ptr<Process> Viewer(const std::vector<std::string>& extra) {
-    std::vector<std::string> argv = {testsupport::BinPath("tarvo-viewer"), "--credentials",
-                                     creds_path_, "--port", std::to_string(p2p_port_)};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return std::make_unique<Process>(argv, std::map<std::string, std::string>{});
-  }
-
   static bool Streaming(camsim::Camera& c, bool on) {
     return c.WaitUntil([on](const camsim::Stats& s) { return s.streaming == on; }, 20s);
   }
 
   std::string video_, audio_;
   std::shared_ptr<const camsim::VideoClip> clip_, synthetic_;
-  testsupport::Broker broker_;
-  testsupport::TempDir board_;
-  camsim::HubEndpoint hub_;
-  uint16_t p2p_port_ = 0;
-  std::unique_ptr<Process> daemon_;
-  std::unique_ptr<cloudsim::CloudAgent> agent_;
-  std::string creds_path_;
-  viewer::AppCredentials creds_;
-  std::vector<std::unique_ptr<camsim::Camera>> cameras_;
-  std::mutex log_mutex_;
-  std::vector<std::string> camera_log_;
 };
 
 // The value after `key ` in a line of the tool's output, or -1.
@@ -437,8 +315,9 @@ TEST_F(LiveView, AClosedSessionLeavesNoRegistrationForTheSlotsNextViewer) {
   x->Stop();
   x->session().Close();
   // The close itself takes the slot off the camera, before any frame and any new login.
-  EXPECT_TRUE(WaitFor([&] { return Lines("Remove live client slot [0-9] from camera " +
-                                         std::string(kCamA)) >= 1; }, 20s));
+  EXPECT_TRUE(WaitFor(
+      [&] { return Lines("Remove live client slot [0-9] from camera " + std::string(kCamA)) >= 1; },
+      20s));
   auto z = NewWatcher();
   EXPECT_EQ(1, Lines("Remove live client slot [0-9] from camera " + std::string(kCamA)));
 }

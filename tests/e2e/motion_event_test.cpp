@@ -15,14 +15,12 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "camera/frame.h"
 #include "camsim/camsim.h"
-#include "camsim/camsimarp.h"
 #include "camsim/camsimmedia.h"
 #include "camsim/camsimwire.h"
 #include "cloudsim/cloudsim.h"
@@ -30,9 +28,11 @@
 #include "platform/board.h"
 #include "platform/uci.h"
 #include "support/broker.h"
+#include "support/hubcamera.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
+#include "support/viewers.h"
 #include "support/webserver.h"
 #include "viewer/viewersession.h"
 
@@ -87,35 +87,18 @@ class MotionEvent : public ::testing::Test {
     }
     if (HasFailure() && daemon_ != nullptr) {
       daemon_->PrintLines("hub: ");
-      std::lock_guard<std::mutex> lock(log_mutex_);
-      for (const auto& line : camera_log_) std::fprintf(stderr, "camera: %s\n", line.c_str());
+      camera_log_.Print();
     }
   }
 
   // The camera, connected and logged in, streaming video (the generated clip unless given).
   void Camera(const std::string& video = "") {
-    camsim::CameraConfig config;
-    config.mac = kCam;
-    config.ip = kIp;
-    config.video_file = video.empty() ? testsupport::TestMedia("camera-1080p15.h264") : video;
-    config.audio_file = testsupport::TestMedia("camera-8k.alaw");
-    std::string error;
-    ASSERT_EQ(0, camsim::SetArpEntry(board_.path(), kIp, kCam, &error)) << error;
-    camsim::HubEndpoint hub;
-    hub.ip = env_["TARVO_HUB_IP"];
-    hub.camera_port = testsupport::EnvPort(env_, "TARVO_CAMERA_PORT");
-    hub.pairing_port = testsupport::EnvPort(env_, "TARVO_PAIRING_PORT");
-    hub.wake_port = testsupport::EnvPort(env_, "TARVO_WAKE_PORT");
+    camsim::CameraConfig config = testsupport::TestMediaCamera(kCam, kIp);
+    if (!video.empty()) config.video_file = video;
     camsim::Behaviour behaviour;
     behaviour.pir_stream = 60s;  // the hub ends the stream at the event's length
-    camera_ = std::make_unique<camsim::Camera>(config, hub, behaviour);
-    camera_->SetLogger([this](const std::string& m, const std::string& text) {
-      std::lock_guard<std::mutex> lock(log_mutex_);
-      camera_log_.push_back(m + " " + text);
-    });
-    ASSERT_EQ(0, camera_->Start(&error)) << error;
-    ASSERT_EQ(0, camera_->Connect(&error)) << error;
-    ASSERT_TRUE(WaitLines("Camera " + std::string(kCam) + " login hardver: ", 1));
+    camera_ = testsupport::ConnectCamera(board_.path(), testsupport::CameraEndpoint(env_), config,
+                                         behaviour, *daemon_, &camera_log_);
   }
 
   // Raises a motion event; the event's start time, or 0 when the hub refused it.
@@ -156,9 +139,8 @@ class MotionEvent : public ::testing::Test {
   std::map<std::string, std::string> env_;
   std::unique_ptr<Process> daemon_;
   std::unique_ptr<cloudsim::CloudAgent> agent_;
+  testsupport::CameraLog camera_log_;
   std::unique_ptr<camsim::Camera> camera_;
-  std::mutex log_mutex_;
-  std::vector<std::string> camera_log_;
 };
 
 TEST_F(MotionEvent, ClipAndSnapshotReachTheCardTheIndexAndTheCloudAndTheAckSpacesTheNext) {
@@ -280,21 +262,16 @@ TEST_F(MotionEvent, AViewerStartingLiveViewForcesTheStopAndNothingIsStoredOrUplo
   Start();
   Camera();
   agent_->SendLocalStatus("cloud_connected");
-  ASSERT_TRUE(WaitLines("first report tutk info ok$", 1, 30s));
   viewer::AppCredentials creds;
-  std::string error;
-  ASSERT_TRUE(WaitFor([&] {
-    return viewer::LoadCredentials(board_.path() + "/tmp/app-credentials", &creds, &error) == 0 &&
-           Lines("MakeNewAvPass: " + creds.password + "$") >= 1;
-  }));
+  ASSERT_TRUE(
+      testsupport::WaitForAppCredentials(*daemon_, board_.path() + "/tmp/app-credentials", &creds));
   Pir();
   ASSERT_TRUE(camera_->WaitUntil([](const camsim::Stats& s) { return s.video_frames >= 20; }));
-  Process viewer({testsupport::BinPath("tarvo-viewer"), "--credentials",
-                  board_.path() + "/tmp/app-credentials", "--port", env_["TARVO_P2P_PORT"],
-                  "--live", kCam, "--hold", "1"},
-                 {});
+  auto viewer = testsupport::ViewerTool(board_.path() + "/tmp/app-credentials",
+                                        testsupport::EnvPort(env_, "TARVO_P2P_PORT"),
+                                        {"--live", kCam, "--hold", "1"});
   ASSERT_TRUE(WaitLines("This is force stop pir event", 1));
-  EXPECT_EQ(0, viewer.Wait(20s));
+  EXPECT_EQ(0, viewer->Wait(20s));
   EXPECT_EQ(0, Lines("Pir frame count > "));
   EXPECT_EQ(0, Lines("Move .* pir event in sdcard"));
   EXPECT_EQ(0, Lines("start upload pir: "));

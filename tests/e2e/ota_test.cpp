@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -20,6 +19,7 @@
 #include "cloudsim/cloudsim.h"
 #include "core/zelojson.h"
 #include "support/broker.h"
+#include "support/hubcamera.h"
 #include "support/testsupport.h"
 #include "support/webserver.h"
 
@@ -62,16 +62,14 @@ class OtaEndToEnd : public ::testing::Test {
   }
 
   void StartHub(bool trust_package_server = true, bool fail_camera_b = false) {
-    if (trust_package_server) ASSERT_NE(packages_.InstallCa(Board("/etc/ssl/certs")), "");
+    if (trust_package_server) {
+      ASSERT_NE(packages_.InstallCa(Board("/etc/ssl/certs")), "");
+    }
     env_ = testsupport::HubEnv(board_.path(), broker_.Env());
     env_["TARVO_CAMERA_HTTP_PORT"] = std::to_string(camera_web_->port());
     ASSERT_TRUE(testsupport::StartHub(env_, &daemon_));
     agent_ = broker_.StartAgent();
-    camsim::HubEndpoint hub;
-    hub.ip = env_["TARVO_HUB_IP"];
-    hub.camera_port = testsupport::EnvPort(env_, "TARVO_CAMERA_PORT");
-    hub.pairing_port = testsupport::EnvPort(env_, "TARVO_PAIRING_PORT");
-    hub.wake_port = testsupport::EnvPort(env_, "TARVO_WAKE_PORT");
+    const camsim::HubEndpoint hub = testsupport::CameraEndpoint(env_);
     int n = 2;
     for (const char* mac : {kCamA, kCamB}) {
       camsim::CameraConfig config;
@@ -148,7 +146,9 @@ class OtaEndToEnd : public ::testing::Test {
       const camsim::Stats s = c->GetStats();
       EXPECT_EQ(s.upgrades_done, 0);
       EXPECT_EQ(s.soft_ver, kOldVersion);
-      if (!cameras_asked) EXPECT_EQ(s.upgrades, 0);
+      if (!cameras_asked) {
+        EXPECT_EQ(s.upgrades, 0);
+      }
     }
   }
 

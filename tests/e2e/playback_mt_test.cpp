@@ -9,14 +9,12 @@
 // on.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -29,15 +27,15 @@ extern "C" {
 
 #include "camera/frame.h"
 #include "camsim/camsim.h"
-#include "camsim/camsimarp.h"
 #include "cloudsim/cloudsim.h"
 #include "platform/board.h"
 #include "platform/uci.h"
 #include "server/iotypes.h"
-#include "support/broker.h"
 #include "support/mediaprobe.h"
 #include "support/recordtree.h"
 #include "support/testsupport.h"
+#include "support/viewerhub.h"
+#include "support/viewers.h"
 #include "viewer/viewerframe.h"
 #include "viewer/viewerplay.h"
 #include "viewer/viewersession.h"
@@ -47,6 +45,7 @@ namespace {
 using namespace std::chrono_literals;
 using Bytes = std::vector<uint8_t>;
 using playbackmsg::PlayState;
+using testsupport::ExitCode;
 using testsupport::Process;
 using testsupport::WaitFor;
 
@@ -56,10 +55,6 @@ const char kIpA[] = "127.0.0.131";
 const char kIpB[] = "127.0.0.132";
 constexpr char kRecordRoot[] = "/mnt/mmcblk0p1/KELDA_RECORD_VIDEO";
 constexpr int kEventSeconds = 4;
-
-int ExitCode(int status) {
-  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 // The stored clip as read straight from its samples: video with each 4-byte length replaced by a
 // start code, audio bytes with their times.
@@ -123,40 +118,27 @@ struct Stored {
   }
 };
 
-// A viewer in this process: its session held on a thread of its own; every frame decrypted and
-// kept, every playback reply kept.
+// A viewer in this process that keeps every frame it decrypts and every playback reply.
 class Player {
  public:
-  ~Player() { Stop(); }
-
   int Open(const viewer::AppCredentials& creds, uint16_t port) {
-    viewer::SessionOptions options;
-    options.port = port;
-    int rc = session_.Connect(creds, options);
-    if (rc == 0) rc = session_.Login(creds, options);
+    const int rc = viewer_.Open(creds, port);
     if (rc != 0) return rc;
-    thread_ = std::thread([this] {
-      viewer::Handlers h;
-      h.frame = [this](const p2p::ViewerFrame& f) { Take(f); };
-      h.ioctrl = [this](const p2p::ViewerIoCtrl& m) {
-        std::lock_guard<std::mutex> lock(mu_);
-        messages_.push_back(m);
-        changed_.notify_all();
-      };
-      session_.Hold(std::chrono::steady_clock::time_point::max(), stop_, h);
-    });
+    viewer_.Read([this](bool video, const viewer::FrameInfo& info,
+                        Bytes plain) { Take(video, info, std::move(plain)); },
+                 [this](const p2p::ViewerIoCtrl& m) {
+                   std::lock_guard<std::mutex> lock(mu_);
+                   messages_.push_back(m);
+                   changed_.notify_all();
+                 });
     return 0;
   }
-  void Stop() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-  }
   void Close() {
-    Stop();
-    session_.Close();
+    viewer_.Stop();
+    viewer_.session().Close();
   }
 
-  int Send(uint32_t type, const std::string& payload) { return session_.SendIoCtrl(type, payload); }
+  int Send(uint32_t type, const std::string& payload) { return viewer_.Send(type, payload); }
   int Play(const std::string& mac, long start, int offset = 0) {
     Clear();
     return Send(server::IOTYPE_USER_IPCAM_RECORD_SEEKTIME,
@@ -233,19 +215,12 @@ class Player {
     std::lock_guard<std::mutex> lock(mu_);
     return audio_;
   }
-  int undecodable() const { return undecodable_.load(); }
+  int undecodable() const { return viewer_.undecodable(); }
 
  private:
-  void Take(const p2p::ViewerFrame& f) {
-    Bytes plain;
-    viewer::FrameInfo info;
-    if (viewer::ParseFrameInfo(f.info, &info) != 0 ||
-        viewer::DecryptFrame(f, session_.key(), &plain) != 0 || !info.encrypted) {
-      undecodable_++;
-      return;
-    }
+  void Take(bool video, const viewer::FrameInfo& info, Bytes plain) {
     std::lock_guard<std::mutex> lock(mu_);
-    if (f.video) {
+    if (video) {
       video_.push_back(std::move(plain));
       infos_.push_back(info);
     } else {
@@ -254,81 +229,35 @@ class Player {
     changed_.notify_all();
   }
 
-  viewer::Session session_;
-  std::thread thread_;
-  std::atomic<bool> stop_{false};
   std::mutex mu_;
   std::condition_variable changed_;
   std::vector<p2p::ViewerIoCtrl> messages_;
   std::vector<Bytes> video_;
   std::vector<viewer::FrameInfo> infos_;
   Bytes audio_;
-  std::atomic<int> undecodable_{0};
+  testsupport::HeldViewer viewer_;  // last: its thread ends before the rest goes
 };
 
-class Playback : public ::testing::Test {
+class Playback : public testsupport::ViewerHubTest {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(broker_.Start());
-    testsupport::MakeBoard(board_.path(),
-                           {"--card", "--force", "--camera", std::string(kCamA) + "," + kIpA,
-                            "--camera", std::string(kCamB) + "," + kIpB});
+    MakeBoard({"--card", "--force", "--camera", std::string(kCamA) + "," + kIpA, "--camera",
+               std::string(kCamB) + "," + kIpB});
     platform::SetRootForTest(board_.path());
     for (const char* mac : {kCamA, kCamB}) {
       ASSERT_EQ(0, zcfg_uci_set(("p2p." + std::string(mac) + ".pir_duration").c_str(),
                                 std::to_string(kEventSeconds).c_str()));
     }
-    const auto env = testsupport::HubEnv(board_.path(), broker_.Env());
-    hub_.ip = env.at("TARVO_HUB_IP");
-    hub_.camera_port = testsupport::EnvPort(env, "TARVO_CAMERA_PORT");
-    hub_.pairing_port = testsupport::EnvPort(env, "TARVO_PAIRING_PORT");
-    hub_.wake_port = testsupport::EnvPort(env, "TARVO_WAKE_PORT");
-    p2p_port_ = testsupport::EnvPort(env, "TARVO_P2P_PORT");
-    ASSERT_TRUE(testsupport::StartHub(env, &daemon_));
-
-    creds_path_ = board_.path() + "/tmp/app-credentials";
     cloudsim::Options options;
-    options.host = "127.0.0.1";
-    options.port = broker_.port();
-    options.board = board_.path();
-    options.credentials_file = creds_path_;
     // URLs to a closed port: an event's upload fails at once, so the next event is not held up
     options.upload_base = "http://127.0.0.1:9/uploads";
-    agent_ = std::make_unique<cloudsim::CloudAgent>(options);
-    std::string error;
-    ASSERT_EQ(0, agent_->Start(10s, &error)) << error;
-    agent_->SendLocalStatus("cloud_connected");
-    ASSERT_NE("", daemon_->WaitForLine("first report tutk info ok$", 30s));
-    ASSERT_TRUE(WaitFor([&] {
-      return viewer::LoadCredentials(creds_path_, &creds_, &error) == 0 &&
-             creds_.password == daemon_->LastMatch("MakeNewAvPass: ([0-9]{6})$");
-    }));
-  }
-
-  void TearDown() override {
-    for (auto& c : cameras_) c->Stop();
-    if (daemon_ != nullptr) {
-      EXPECT_FALSE(daemon_->HasLine("ERROR: (Address|Leak|Thread)Sanitizer|runtime error:"));
-      if (HasFailure()) daemon_->PrintLines("hub: ");
-    }
+    StartHub(options);
   }
 
   camsim::Camera& NewCamera(const std::string& mac, const std::string& ip) {
-    camsim::CameraConfig config;
-    config.mac = mac;
-    config.ip = ip;
-    config.video_file = testsupport::TestMedia("camera-1080p15.h264");
-    config.audio_file = testsupport::TestMedia("camera-8k.alaw");
-    std::string error;
-    EXPECT_EQ(0, camsim::SetArpEntry(board_.path(), ip, mac, &error)) << error;
     camsim::Behaviour behaviour;
     behaviour.pir_stream = 60s;  // the hub ends the stream at the event's length
-    cameras_.push_back(std::make_unique<camsim::Camera>(config, hub_, behaviour));
-    camsim::Camera& camera = *cameras_.back();
-    EXPECT_EQ(0, camera.Start(&error)) << error;
-    EXPECT_EQ(0, camera.Connect(&error)) << error;
-    EXPECT_NE("", daemon_->WaitForLine("Camera " + mac + " login hardver: ", 20s));
-    return camera;
+    return ViewerHubTest::NewCamera(testsupport::TestMediaCamera(mac, ip), behaviour);
   }
 
   // Both cameras record one motion event each; their start times.
@@ -392,15 +321,6 @@ class Playback : public ::testing::Test {
     EXPECT_EQ(0, p.undecodable());
   }
 
-  testsupport::Broker broker_;
-  testsupport::TempDir board_;
-  camsim::HubEndpoint hub_;
-  uint16_t p2p_port_ = 0;
-  std::unique_ptr<Process> daemon_;
-  std::unique_ptr<cloudsim::CloudAgent> agent_;
-  std::string creds_path_;
-  viewer::AppCredentials creds_;
-  std::vector<std::unique_ptr<camsim::Camera>> cameras_;
   std::map<std::string, long> start_;
 };
 
@@ -434,22 +354,15 @@ TEST_F(Playback, ListsTheRecordedEventsAndPlaysThemFromZeroAndFromASeekByteForBy
   EXPECT_LT(p->Video().size(), Stored::Read(Clip(kCamA)).VideoCount());
 
   // the tool: the list and a play into files
-  auto list = std::make_unique<Process>(
-      std::vector<std::string>{testsupport::BinPath("tarvo-viewer"), "--credentials", creds_path_,
-                               "--port", std::to_string(p2p_port_), "--events", "all"},
-      std::map<std::string, std::string>{});
+  auto list = Viewer({"--events", "all"});
   EXPECT_EQ(0, ExitCode(list->Wait(20s)));
   EXPECT_TRUE(
       list->HasLine("^event " + std::string(kCamA) + " " + std::to_string(start_[kCamA]) + " 4$"));
   EXPECT_TRUE(list->HasLine("^events 2$"));
   const std::string h264 = board_.path() + "/tmp/play.h264";
   const std::string mp4 = board_.path() + "/tmp/play.mp4";
-  auto play = std::make_unique<Process>(
-      std::vector<std::string>{testsupport::BinPath("tarvo-viewer"), "--credentials", creds_path_,
-                               "--port", std::to_string(p2p_port_), "--play", kCamB,
-                               std::to_string(start_[kCamB]), "--seek", "1", "--h264", h264,
-                               "--mp4", mp4},
-      std::map<std::string, std::string>{});
+  auto play = Viewer({"--play", kCamB, std::to_string(start_[kCamB]), "--seek", "1", "--h264", h264,
+                      "--mp4", mp4});
   EXPECT_EQ(0, ExitCode(play->Wait(30s)));
   EXPECT_TRUE(play->HasLine("^play state end frames [0-9]+$"));
   std::vector<Bytes> video;
@@ -625,13 +538,7 @@ TEST_F(Playback, BadRequestsAreRefusedWithALogLineAndNothingIsOpened) {
   EXPECT_NE("", daemon_->WaitForLine("Close client sessionID: "));
 
   // the tool: its options documented, usage errors exit 2, a refused play exits 1
-  auto tool = [&](std::vector<std::string> args) {
-    std::vector<std::string> argv = {testsupport::BinPath("tarvo-viewer"), "--credentials",
-                                     creds_path_, "--port", std::to_string(p2p_port_)};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return std::make_unique<Process>(argv, std::map<std::string, std::string>{});
-  };
-  auto help = tool({"--help"});
+  auto help = Viewer({"--help"});
   EXPECT_EQ(0, ExitCode(help->Wait()));
   for (const char* option : {"--events MAC", "--play MAC START", "--seek S"}) {
     EXPECT_TRUE(help->HasLine(option)) << option;
@@ -642,9 +549,9 @@ TEST_F(Playback, BadRequestsAreRefusedWithALogLineAndNothingIsOpened) {
                                               {"--live", kCamA, "--events", "all"},
                                               {"--seek", "86401"},
                                               {"--h264", "/tmp/x.h264"}}) {
-    EXPECT_EQ(2, ExitCode(tool(bad)->Wait())) << bad[0] << " " << bad[1];
+    EXPECT_EQ(2, ExitCode(Viewer(bad)->Wait())) << bad[0] << " " << bad[1];
   }
-  auto refused_play = tool({"--play", kCamA, "1700000001"});
+  auto refused_play = Viewer({"--play", kCamA, "1700000001"});
   EXPECT_EQ(1, ExitCode(refused_play->Wait(20s)));
   EXPECT_TRUE(refused_play->HasLine("^play state refused frames 0$"));
 }

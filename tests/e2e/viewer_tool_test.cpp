@@ -2,36 +2,27 @@
 // writing the credentials file, and tarvo-viewer as a process opening, holding and closing a
 // session with what the app would get from the cloud.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <csignal>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "viewer/credentials.h"
 #include "support/broker.h"
 #include "support/testsupport.h"
+#include "support/viewers.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using testsupport::ExitCode;
 using testsupport::Process;
-using testsupport::WaitFor;
 
-int ExitCode(int status) {
-  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::unique_ptr<Process> Viewer(const std::vector<std::string>& args,
-                                const std::map<std::string, std::string>& env = {}) {
-  std::vector<std::string> argv = {testsupport::BinPath("tarvo-viewer")};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return std::make_unique<Process>(argv, env);
-}
+using testsupport::ViewerTool;
 
 TEST(ViewerTool, HelpDocumentsEveryOptionAndUsageErrorsExitTwo) {
-  auto help = Viewer({"--help"});
+  auto help = ViewerTool({"--help"});
   EXPECT_EQ(0, ExitCode(help->Wait()));
   std::string text;
   for (const auto& line : help->Lines()) text += line + "\n";
@@ -41,10 +32,10 @@ TEST(ViewerTool, HelpDocumentsEveryOptionAndUsageErrorsExitTwo) {
         "--sign-hub-key HEX", "--login-text TEXT", "-q, --quiet", "-h, --help", "Example:"}) {
     EXPECT_NE(std::string::npos, text.find(option)) << option;
   }
-  EXPECT_EQ(2, ExitCode(Viewer({})->Wait()));
-  EXPECT_EQ(2, ExitCode(Viewer({"--credentials", "/nonexistent/creds"})->Wait()));
-  EXPECT_EQ(2, ExitCode(Viewer({"--credentials", "x", "--port", "70000"})->Wait()));
-  EXPECT_EQ(2, ExitCode(Viewer({"--credentials", "x", "--frobnicate", "1"})->Wait()));
+  EXPECT_EQ(2, ExitCode(ViewerTool({})->Wait()));
+  EXPECT_EQ(2, ExitCode(ViewerTool({"--credentials", "/nonexistent/creds"})->Wait()));
+  EXPECT_EQ(2, ExitCode(ViewerTool({"--credentials", "x", "--port", "70000"})->Wait()));
+  EXPECT_EQ(2, ExitCode(ViewerTool({"--credentials", "x", "--frobnicate", "1"})->Wait()));
 }
 
 class ViewerToolOnHub : public ::testing::Test {
@@ -61,13 +52,9 @@ class ViewerToolOnHub : public ::testing::Test {
                                  "--port", std::to_string(broker_.port()), "--board", board_.path(),
                                  "--credentials", file_, "--status", "cloud_connected", "--stay"},
         std::map<std::string, std::string>{});
-    ASSERT_NE("", hub_->WaitForLine("first report tutk info ok$", 30s));
     // The file holds the password the hub uses now.
-    ASSERT_TRUE(WaitFor([&] {
-      viewer::Credentials c;
-      return viewer::ReadCredentialsFile(file_, &c) == 0 &&
-             c.password == hub_->LastMatch("MakeNewAvPass: ([0-9]{6})$");
-    }));
+    viewer::AppCredentials creds;
+    ASSERT_TRUE(testsupport::WaitForAppCredentials(*hub_, file_, &creds));
   }
 
   void TearDown() override {
@@ -89,7 +76,7 @@ class ViewerToolOnHub : public ::testing::Test {
 };
 
 TEST_F(ViewerToolOnHub, OpensLogsInHoldsUntilToldAndCloses) {
-  auto viewer = Viewer(Args({}));
+  auto viewer = ViewerTool(Args({}));
   ASSERT_NE("", viewer->WaitForLine("^login ok$"));
   EXPECT_NE("", viewer->WaitForLine("^session 0 open on 127\\.0\\.0\\.1:" + port_ + "$", 1s));
   ASSERT_NE("", hub_->WaitForLine("avServStart3 OK, avIndex: [0-9]+, Resend: 0$"));
@@ -102,24 +89,24 @@ TEST_F(ViewerToolOnHub, OpensLogsInHoldsUntilToldAndCloses) {
   }
 
   // --hold ends by itself; --abort leaves as a vanished viewer would.
-  auto held = Viewer(Args({"--hold", "1", "--abort"}));
+  auto held = ViewerTool(Args({"--hold", "1", "--abort"}));
   EXPECT_EQ(0, ExitCode(held->Wait()));
   EXPECT_TRUE(held->HasLine("^aborted$"));
   EXPECT_NE("", hub_->WaitForLine("avRecvIOCtrl error, code: -20016$"));
 }
 
 TEST_F(ViewerToolOnHub, RefusalsExitOneWithTheirCode) {
-  auto token = Viewer(Args({"--sign-token", "another-token", "--hold", "1"}));
+  auto token = ViewerTool(Args({"--sign-token", "another-token", "--hold", "1"}));
   EXPECT_EQ(1, ExitCode(token->Wait()));
   EXPECT_TRUE(token->HasLine("^refused login AV_ER_WRONG_VIEWACCorPWD \\(-20009\\)$"));
-  auto text = Viewer(Args({"--login-text", "{\"account\":\"viewer\"}"}));
+  auto text = ViewerTool(Args({"--login-text", "{\"account\":\"viewer\"}"}));
   EXPECT_EQ(1, ExitCode(text->Wait()));
   EXPECT_TRUE(text->HasLine("^refused login AV_ER_WRONG_VIEWACCorPWD \\(-20009\\)$"));
-  auto uid = Viewer(Args({"--uid", "TARVOHUB000000000999"}));
+  auto uid = ViewerTool(Args({"--uid", "TARVOHUB000000000999"}));
   EXPECT_EQ(1, ExitCode(uid->Wait()));
   EXPECT_TRUE(uid->HasLine("^refused session IOTC_ER_UNKNOWN_DEVICE \\(-28\\)$"));
-  auto closed = Viewer({"--credentials", file_, "--port", std::to_string(testsupport::FreePort()),
-                        "--timeout", "2"});
+  auto closed = ViewerTool({"--credentials", file_, "--port",
+                            std::to_string(testsupport::FreePort()), "--timeout", "2"});
   EXPECT_EQ(1, ExitCode(closed->Wait()));
   EXPECT_TRUE(closed->HasLine("^refused session IOTC_ER_CONNECT_FAILED \\(-80\\)$"));
   EXPECT_FALSE(hub_->HasLine("avServStart3 OK"));

@@ -264,6 +264,13 @@ void StartAndConnect(camsim::Camera& cam, ScriptedHub& hub) {
   hub.Nth(command::kTypeLogin, 0, 1);
 }
 
+// The hub's upgrade command: the image's URL behind a zero byte.
+void SendUpgrade(ScriptedHub& hub, const std::string& mac, const std::string& url) {
+  Bytes payload(65, 0);
+  std::memcpy(payload.data() + 1, url.data(), url.size());
+  hub.Send(mac, command::kTypeControl, command::kSubUpgrade, payload);
+}
+
 void SendDatagram(const std::string& ip, uint16_t port, const uint8_t* p, size_t n) {
   const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in to{};
@@ -803,11 +810,7 @@ TEST(Camsim, UpgradesFromTheGivenAddressAndComesBackWithTheImagesVersion) {
   b.reboot = milliseconds(100);
   camsim::Camera cam(Config(mac, "127.0.0.86"), Endpoint(hub.port()), b);
   StartAndConnect(cam, hub);
-  auto upgrade = [&](const std::string& url) {
-    Bytes payload(65, 0);
-    std::memcpy(payload.data() + 1, url.data(), url.size());
-    hub.Send(mac, command::kTypeControl, command::kSubUpgrade, payload);
-  };
+  auto upgrade = [&](const std::string& url) { SendUpgrade(hub, mac, url); };
 
   // what cannot be fetched, or is no image, is refused once the fetch has ended
   upgrade(web.Url("/missing.muz"));
@@ -842,9 +845,7 @@ TEST(Camsim, ACameraToldToFailRefusesUpgradesWithoutFetching) {
   b.fail_upgrade = true;
   camsim::Camera cam(Config(mac, "127.0.0.87"), Endpoint(hub.port()), b);
   StartAndConnect(cam, hub);
-  Bytes payload(65, 0);
-  std::memcpy(payload.data() + 1, "http://127.0.0.1:1/camera.muz", 29);
-  hub.Send(mac, command::kTypeControl, command::kSubUpgrade, payload);
+  SendUpgrade(hub, mac, "http://127.0.0.1:1/camera.muz");
   EXPECT_EQ(Bytes({0x01, 0x06, 0x00}), hub.Nth(command::kTypeAck, 0, 1).payload());
   EXPECT_EQ("told to fail", cam.GetStats().upgrade_error);
   EXPECT_EQ(1, hub.Accepts());

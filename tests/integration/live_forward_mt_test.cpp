@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -26,6 +25,7 @@
 #include "p2p/client.h"
 #include "p2p/iotc.h"
 #include "support/logcapture.h"
+#include "support/p2psession.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
 #include "viewer/viewerframe.h"
@@ -120,16 +120,10 @@ class LiveForward : public ::testing::Test {
   ViewerSlot& OpenViewer() {
     viewers_.push_back(std::make_unique<ViewerSlot>());
     ViewerSlot& v = *viewers_.back();
-    EXPECT_EQ(0, v.viewer.Connect("127.0.0.1", port_, kUid, kPassword, kWait));
-    int sid = IOTC_ER_TIMEOUT;
-    WaitFor([&] { return (sid = IOTC_Listen(100)) != IOTC_ER_TIMEOUT; });
-    EXPECT_GE(sid, 0);
-    auto login =
-        std::async(std::launch::async, [&] { return v.viewer.Login("viewer", "x", kWait); });
-    int resend = -1;
-    v.av = avServStart3(sid, AcceptAll, 15, 0, 0, &resend);
-    EXPECT_GE(v.av, 0);
-    EXPECT_EQ(0, login.get());
+    const auto h = testsupport::AcceptViewer(v.viewer, port_, kUid, kPassword, "viewer", "x",
+                                             AcceptAll, kWait);
+    const int sid = h.sid;
+    v.av = h.av;
     v.client = std::make_unique<client::Client>(sid);
     v.client->SetAvIndex(v.av);
     randombytes_buf(v.key, sizeof(v.key));

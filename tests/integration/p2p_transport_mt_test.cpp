@@ -21,6 +21,7 @@
 #include "p2p/transport.h"
 #include "p2p/wire.h"
 #include "support/logcapture.h"
+#include "support/p2psession.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
 
@@ -137,38 +138,16 @@ class P2pTransport : public ::testing::Test {
     ASSERT_EQ(12, avInitialize(12));
   }
 
-  // The next IOTC_Listen result other than a time-out.
-  int Listen() {
-    int r = IOTC_ER_TIMEOUT;
-    WaitFor(
-        [&] {
-          r = IOTC_Listen(100);
-          return r != IOTC_ER_TIMEOUT;
-        },
-        std::chrono::milliseconds(kWait));
-    return r;
-  }
+  int Listen() { return testsupport::ListenForSession(kWait); }
 
-  struct HubSide {
-    int sid = -1;
-    int av = -1;
-  };
-
+  using HubSide = testsupport::AcceptedSession;
   // A viewer session with the AV login on channel 0 accepted, as the hub's session thread
   // would run it.
   HubSide Open(p2p::Viewer& v) {
-    HubSide h;
-    EXPECT_EQ(0, v.Connect("127.0.0.1", port_, kUid, kPassword, kWait));
-    h.sid = Listen();
-    EXPECT_GE(h.sid, 0);
+    const auto h =
+        testsupport::AcceptViewer(v, port_, kUid, kPassword, kAccount, kGoodLogin, Auth, kWait);
     EXPECT_EQ(h.sid, v.sid());
-    auto login =
-        std::async(std::launch::async, [&] { return v.Login(kAccount, kGoodLogin, kWait); });
-    int resend = -1;
-    h.av = avServStart3(h.sid, Auth, 15, 0, 0, &resend);
-    EXPECT_GE(h.av, 0);
-    EXPECT_EQ(0, resend);
-    EXPECT_EQ(0, login.get());
+    EXPECT_EQ(0, h.resend);
     return h;
   }
 

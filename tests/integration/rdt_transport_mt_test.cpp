@@ -15,6 +15,7 @@
 #include "p2p/transport.h"
 #include "p2p/wire.h"
 #include "support/logcapture.h"
+#include "support/p2psession.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
 
@@ -90,28 +91,13 @@ class Rdt : public ::testing::Test {
     IOTC_DeInitialize();
   }
 
-  int Listen() {
-    int r = IOTC_ER_TIMEOUT;
-    WaitFor(
-        [&] {
-          r = IOTC_Listen(100);
-          return r != IOTC_ER_TIMEOUT;
-        },
-        std::chrono::milliseconds(kWait));
-    return r;
-  }
+  int Listen() { return testsupport::ListenForSession(kWait); }
 
   // A session with the AV login on channel 0 done; the hub's AV index in *av.
   int Open(p2p::Viewer& v, int* av = nullptr) {
-    EXPECT_EQ(0, v.Connect("127.0.0.1", port_, kUid, kPassword, kWait));
-    const int sid = Listen();
-    auto login = std::async(std::launch::async, [&] { return v.Login("viewer", "x", kWait); });
-    int resend = -1;
-    const int idx = avServStart3(sid, Auth, 15, 0, 0, &resend);
-    EXPECT_GE(idx, 0);
-    EXPECT_EQ(0, login.get());
-    if (av != nullptr) *av = idx;
-    return sid;
+    const auto h = testsupport::AcceptViewer(v, port_, kUid, kPassword, "viewer", "x", Auth, kWait);
+    if (av != nullptr) *av = h.av;
+    return h.sid;
   }
 
   // Both ends of an RDT channel on IOTC channel ch: the hub's ID.

@@ -372,4 +372,8 @@ bool StartHub(const std::map<std::string, std::string>& env, std::unique_ptr<Pro
   return false;
 }
 
+int ExitCode(int status) {
+  return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 }  // namespace testsupport

@@ -105,6 +105,9 @@ class Process {
   bool eof_ = false;
 };
 
+// The exit code in a wait status (Process::Wait), or -1 when the process did not exit by itself.
+int ExitCode(int status);
+
 // The environment that points a daemon or tool at a board root and logs to standard error.
 std::map<std::string, std::string> BoardEnv(const std::string& root);
 

@@ -9,9 +9,9 @@
 #include <memory>
 #include <string>
 
-#include "camsim/camsimmedia.h"
 #include "media/mp4mux.h"
 #include "media/snapshot.h"
+#include "support/cameraclip.h"
 #include "support/mediaprobe.h"
 #include "support/testsupport.h"
 
@@ -19,49 +19,36 @@ namespace {
 
 using testsupport::FileExists;
 using testsupport::ProbeFile;
-using testsupport::TestMedia;
 
-constexpr int kSamplesPerFrame = 8000 / 15;
+using testsupport::kAlawPerFrame;
+using testsupport::WriteFrames;
 
 class MediaClip : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    video_ = camsim::VideoClip::Load(TestMedia("camera-1080p15.h264"), &error);
-    ASSERT_NE(nullptr, video_) << error;
-    audio_ = camsim::AudioClip::Load(TestMedia("camera-8k.alaw"), &error);
-    ASSERT_NE(nullptr, audio_) << error;
+    ASSERT_TRUE(media_.Load(&error)) << error;
     clip_ = dir_.path() + "/alarm.mp4";
   }
 
   ORU_MP4_HANDLE Create() {
     ORU_MP4_HANDLE h = nullptr;
-    EXPECT_EQ(0, orump4_create_file(clip_.c_str(), 0, 0, 1, 15, 1920, 1080, 1, 8000, &h));
+    EXPECT_EQ(0, testsupport::CreateClip(clip_, &h));
     return h;
   }
 
-  // Frames from..to-1 of the test clip (wrapping), each followed by its audio, as a camera sends.
-  void Feed(ORU_MP4_HANDLE h, size_t from, size_t to) {
-    for (size_t i = from; i < to; i++) {
-      const camsim::VideoFrame& f = video_->at(i);
-      ASSERT_EQ(
-          0, orump4_write_video_frame(h, f.data.data(), static_cast<uint32_t>(f.data.size()), 0));
-      uint8_t alaw[kSamplesPerFrame];
-      audio_->Copy(i * kSamplesPerFrame, alaw, sizeof(alaw));
-      ASSERT_EQ(0, orump4_write_audio_frame(h, alaw, sizeof(alaw)));
-    }
-  }
-
   testsupport::TempDir dir_;
-  std::shared_ptr<const camsim::VideoClip> video_;
-  std::shared_ptr<const camsim::AudioClip> audio_;
+  testsupport::CameraMedia media_;
   std::string clip_;
 };
 
 TEST_F(MediaClip, ClosedClipIsAnOrdinaryFileWithEveryFrameAndTheALawTrack) {
   ORU_MP4_HANDLE h = Create();
   ASSERT_NE(nullptr, h);
-  Feed(h, 0, 151);  // wraps past the 60-frame test clip: key frames keep their parameter sets
+  ASSERT_EQ(
+      0,
+      WriteFrames(h, media_, 0,
+                  151));  // wraps past the 60-frame test clip: key frames keep their parameter sets
   EXPECT_EQ(151, orump4_video_frames(h));
   EXPECT_EQ(0, orump4_close_file_for_create(h));
 
@@ -77,7 +64,7 @@ TEST_F(MediaClip, ClosedClipIsAnOrdinaryFileWithEveryFrameAndTheALawTrack) {
   EXPECT_EQ(1080, v->height);
   EXPECT_EQ("alaw", a->tag);
   EXPECT_EQ(8000, a->sample_rate);
-  EXPECT_EQ(151 * kSamplesPerFrame, a->duration);
+  EXPECT_EQ(static_cast<int64_t>(151 * kAlawPerFrame), a->duration);
   std::string errors;
   EXPECT_TRUE(testsupport::DecodesCleanly(clip_, &errors)) << errors;
   // unfragmented, index in front, no scratch left beside it
@@ -110,7 +97,7 @@ TEST_F(MediaClip, ClosedClipIsAnOrdinaryFileWithEveryFrameAndTheALawTrack) {
 TEST_F(MediaClip, StartsAtTheFirstKeyFrameAndIgnoresANullHandle) {
   ORU_MP4_HANDLE h = Create();
   ASSERT_NE(nullptr, h);
-  Feed(h, 5, 45);  // frames 5..14 come before the key frame at 15
+  ASSERT_EQ(0, WriteFrames(h, media_, 5, 45));  // frames 5..14 come before the key frame at 15
   EXPECT_EQ(30, orump4_video_frames(h));
   EXPECT_EQ(0, orump4_close_file_for_create(h));
   const testsupport::Probe probe = ProbeFile(clip_);
@@ -120,7 +107,7 @@ TEST_F(MediaClip, StartsAtTheFirstKeyFrameAndIgnoresANullHandle) {
   EXPECT_TRUE(testsupport::DecodesCleanly(clip_));
 
   // the recorder hands on a null handle after a failed create: nothing happens
-  const camsim::VideoFrame& f = video_->at(0);
+  const camsim::VideoFrame& f = media_.video->at(0);
   EXPECT_EQ(0, orump4_write_video_frame(nullptr, f.data.data(), f.data.size(), 0));
   EXPECT_EQ(0, orump4_write_audio_frame(nullptr, f.data.data(), 100));
   EXPECT_EQ(0, orump4_close_file_for_create(nullptr));
@@ -138,7 +125,7 @@ TEST_F(MediaClip, RefusesWhatItCannotWriteAndRemovesAClipWithoutKeyFrame) {
   EXPECT_EQ(nullptr, h);
 
   h = Create();
-  Feed(h, 1, 14);  // no key frame at all
+  ASSERT_EQ(0, WriteFrames(h, media_, 1, 14));  // no key frame at all
   EXPECT_EQ(0, orump4_video_frames(h));
   EXPECT_GT(0, orump4_close_file_for_create(h));
   EXPECT_FALSE(FileExists(clip_));
@@ -150,14 +137,8 @@ TEST_F(MediaClip, ClipOfAKilledWriterPlaysUpToItsLastFragment) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     ORU_MP4_HANDLE h = nullptr;
-    if (orump4_create_file(clip_.c_str(), 0, 0, 1, 15, 1920, 1080, 1, 8000, &h) != 0) _exit(2);
-    for (size_t i = 0; i < 50; i++) {
-      const camsim::VideoFrame& f = video_->at(i);
-      orump4_write_video_frame(h, f.data.data(), static_cast<uint32_t>(f.data.size()), 0);
-      uint8_t alaw[kSamplesPerFrame];
-      audio_->Copy(i * kSamplesPerFrame, alaw, sizeof(alaw));
-      orump4_write_audio_frame(h, alaw, sizeof(alaw));
-    }
+    if (testsupport::CreateClip(clip_, &h) != 0) _exit(2);
+    WriteFrames(h, media_, 0, 50);
     raise(SIGKILL);
   }
   int status = 0;
@@ -175,7 +156,7 @@ TEST_F(MediaClip, ClipOfAKilledWriterPlaysUpToItsLastFragment) {
 
 TEST_F(MediaClip, SnapshotOfAKeyFrameIsA640x360Jpeg) {
   const std::string jpeg = dir_.path() + "/alarm.jpeg";
-  const camsim::VideoFrame& key = video_->at(15);
+  const camsim::VideoFrame& key = media_.video->at(15);
   ASSERT_TRUE(key.key);
   // each conversion starts afresh: several in a row, the same picture each time
   std::string first;
@@ -203,7 +184,7 @@ TEST_F(MediaClip, SnapshotOfAKeyFrameIsA640x360Jpeg) {
 
 TEST_F(MediaClip, SnapshotOfWhatIsNoKeyFrameFailsAndWritesNothing) {
   const std::string jpeg = dir_.path() + "/alarm.jpeg";
-  const camsim::VideoFrame& inter = video_->at(16);  // a P frame: no parameter sets
+  const camsim::VideoFrame& inter = media_.video->at(16);  // a P frame: no parameter sets
   ASSERT_FALSE(inter.key);
   EXPECT_EQ(-1, ConvertH264FrameToJpeg(jpeg.c_str(), inter.data.data(),
                                        static_cast<uint32_t>(inter.data.size()), 640, 360));
@@ -215,7 +196,7 @@ TEST_F(MediaClip, SnapshotOfWhatIsNoKeyFrameFailsAndWritesNothing) {
   EXPECT_FALSE(FileExists(jpeg));
   EXPECT_FALSE(FileExists(jpeg + ".part"));
   // a good key frame still converts after the failures
-  const camsim::VideoFrame& key = video_->at(0);
+  const camsim::VideoFrame& key = media_.video->at(0);
   EXPECT_EQ(0, ConvertH264FrameToJpeg(jpeg.c_str(), key.data.data(),
                                       static_cast<uint32_t>(key.data.size()), 640, 360));
 }

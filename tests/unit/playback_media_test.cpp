@@ -12,18 +12,16 @@
 #include <string>
 #include <vector>
 
-#include "camsim/camsimmedia.h"
 #include "media/mp4mux.h"
 #include "media/oru_mp4_demux.h"
 #include "media/playbackmsg.h"
-#include "support/mediaprobe.h"
+#include "support/cameraclip.h"
 #include "support/testsupport.h"
 
 namespace {
 
 using oru_mp4_demux::Packet;
 using oru_mp4_demux::Reader;
-using testsupport::TestMedia;
 
 // The NAL units of an Annex B frame, without their start codes (3 or 4 bytes), and whether
 // every start code had 4 bytes.
@@ -49,28 +47,16 @@ std::vector<std::vector<uint8_t>> Units(const std::vector<uint8_t>& d, bool* all
 }
 
 constexpr int kFrames = 60;  // 4 s at 15 frames a second, a key frame every 15
-constexpr size_t kAudioPerFrame = 8000 / 15;
 
 class ClipReader : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    video_ = camsim::VideoClip::Load(TestMedia("camera-1080p15.h264"), &error);
-    ASSERT_NE(nullptr, video_) << error;
-    audio_ = camsim::AudioClip::Load(TestMedia("camera-8k.alaw"), &error);
-    ASSERT_NE(nullptr, audio_) << error;
+    ASSERT_TRUE(media_.Load(&error)) << error;
     clip_ = dir_.path() + "/clip.mp4";
     ORU_MP4_HANDLE h = nullptr;
-    ASSERT_EQ(0, orump4_create_file(clip_.c_str(), 0, 0, 1, 15, 1920, 1080, 1, 8000, &h));
-    for (int i = 0; i < kFrames; i++) {
-      const camsim::VideoFrame& f = video_->at(i);
-      ASSERT_EQ(
-          0, orump4_write_video_frame(h, f.data.data(), static_cast<uint32_t>(f.data.size()), 0));
-      std::vector<uint8_t> alaw(kAudioPerFrame);
-      audio_->Copy(i * kAudioPerFrame, alaw.data(), alaw.size());
-      audio_bytes_.insert(audio_bytes_.end(), alaw.begin(), alaw.end());
-      ASSERT_EQ(0, orump4_write_audio_frame(h, alaw.data(), static_cast<int>(alaw.size())));
-    }
+    ASSERT_EQ(0, testsupport::CreateClip(clip_, &h));
+    ASSERT_EQ(0, testsupport::WriteFrames(h, media_, 0, kFrames, &audio_bytes_));
     ASSERT_EQ(0, orump4_close_file_for_create(h));
   }
 
@@ -86,8 +72,7 @@ class ClipReader : public ::testing::Test {
   }
 
   testsupport::TempDir dir_;
-  std::shared_ptr<const camsim::VideoClip> video_;
-  std::shared_ptr<const camsim::AudioClip> audio_;
+  testsupport::CameraMedia media_;
   std::vector<uint8_t> audio_bytes_;
   std::string clip_;
 };
@@ -111,7 +96,7 @@ TEST_F(ClipReader, GivesBackTheCamerasFramesAndAudioByteForByteInTimeOrder) {
     ASSERT_LT(frame, kFrames);
     // The camera's units, each behind a 4-byte start code (the stored form has 4-byte lengths).
     bool four = false;
-    EXPECT_EQ(Units(video_->at(frame).data), Units(p.data, &four)) << "frame " << frame;
+    EXPECT_EQ(Units(media_.video->at(frame).data), Units(p.data, &four)) << "frame " << frame;
     EXPECT_TRUE(four) << "frame " << frame;
     EXPECT_EQ(frame % 15 == 0, p.key) << "frame " << frame;
     EXPECT_GT(p.time_ms, last_video_ms);
@@ -143,7 +128,7 @@ TEST_F(ClipReader, SeekStartsAtTheKeyFrameAtOrBeforeTheOffsetWithAudioFromItsTim
     std::vector<uint8_t> audio;
     for (const Packet& p : all) {
       if (p.video) {
-        EXPECT_EQ(Units(video_->at(frame).data), Units(p.data))
+        EXPECT_EQ(Units(media_.video->at(frame).data), Units(p.data))
             << "offset " << c.offset_ms << " frame " << frame;
         frame++;
       } else {
@@ -156,7 +141,7 @@ TEST_F(ClipReader, SeekStartsAtTheKeyFrameAtOrBeforeTheOffsetWithAudioFromItsTim
     ASSERT_LE(audio.size(), audio_bytes_.size());
     EXPECT_TRUE(std::equal(audio.begin(), audio.end(), audio_bytes_.end() - audio.size()));
     EXPECT_NEAR(static_cast<double>(audio_bytes_.size() - audio.size()),
-                static_cast<double>(c.key_frame * kAudioPerFrame), 1200.0);
+                static_cast<double>(c.key_frame * testsupport::kAlawPerFrame), 1200.0);
   }
 }
 

@@ -14,12 +14,11 @@
 #include <thread>
 #include <vector>
 
-#include "camsim/camsimmedia.h"
 #include "media/mp4mux.h"
 #include "media/orump4playlist.h"
 #include "media/playback.h"
 #include "media/playbackmsg.h"
-#include "support/mediaprobe.h"
+#include "support/cameraclip.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -109,18 +108,12 @@ class PlayThreads : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    auto video = camsim::VideoClip::Load(testsupport::TestMedia("camera-1080p15.h264"), &error);
-    ASSERT_NE(nullptr, video) << error;
+    testsupport::CameraMedia media;
+    ASSERT_TRUE(media.Load(&error)) << error;
     clip_ = dir_.path() + "/clip.mp4";
     ORU_MP4_HANDLE h = nullptr;
-    ASSERT_EQ(0, orump4_create_file(clip_.c_str(), 0, 0, 1, 15, 1920, 1080, 1, 8000, &h));
-    std::vector<uint8_t> alaw(533, 0xD5);
-    for (int i = 0; i < kFrames; i++) {
-      const auto& f = video->at(i);
-      ASSERT_EQ(
-          0, orump4_write_video_frame(h, f.data.data(), static_cast<uint32_t>(f.data.size()), 0));
-      ASSERT_EQ(0, orump4_write_audio_frame(h, alaw.data(), static_cast<int>(alaw.size())));
-    }
+    ASSERT_EQ(0, testsupport::CreateClip(clip_, &h));
+    ASSERT_EQ(0, testsupport::WriteFrames(h, media, 0, kFrames));
     ASSERT_EQ(0, orump4_close_file_for_create(h));
 
     playlist::RecordStore store;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "camera/frameinfo.h"
+#include "media/h264units.h"
 #include "support/testsupport.h"
 #include "viewer/viewerlive.h"
 #include "viewer/viewermp4.h"
@@ -100,11 +101,11 @@ TEST(Mp4Remux, StartsFromParameterSetsAndRefusesToFinishWithoutAKeyFrame) {
                     0x28, 0x00,  // SPS; its last zero belongs to the start code
                     0,    0,    1, 0x68, 0xCE, 0x3C, 0x80,   // PPS, 3-byte start code
                     0,    0,    0, 1,    0x65, 0x88, 0x84};  // IDR slice
-  const std::string sets = viewer::ParameterSets(au.data(), au.size());
+  const std::string sets = h264::ParameterSets(au.data(), au.size());
   EXPECT_EQ(std::string("\x00\x00\x00\x01\x67\x42\xC0\x28\x00\x00\x00\x01\x68\xCE\x3C\x80", 16),
             sets);
   const Bytes no_pps = {0, 0, 0, 1, 0x67, 0x42, 0, 0, 0, 1, 0x65, 0x88};
-  EXPECT_EQ("", viewer::ParameterSets(no_pps.data(), no_pps.size()));
+  EXPECT_EQ("", h264::ParameterSets(no_pps.data(), no_pps.size()));
 
   testsupport::TempDir dir;
   viewer::Mp4Remux mp4(dir.path() + "/none.mp4");
