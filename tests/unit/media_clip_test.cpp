@@ -77,7 +77,7 @@ TEST_F(MediaClip, ClosedClipIsAnOrdinaryFileWithEveryFrameAndTheALawTrack) {
 
   // The track's aspect ratio box says what the camera's parameter sets say, as a decoder of the
   // camera's stream reads them.
-  const testsupport::Probe camera = ProbeFile(TestMedia("camera-1080p15.h264"));
+  const testsupport::Probe camera = ProbeFile(testsupport::TestMedia("camera-1080p15.h264"));
   ASSERT_NE(nullptr, camera.Find("h264"));
   const std::string sar = camera.Find("h264")->sample_aspect_ratio;
   ASSERT_EQ("1:1", sar) << "the test media should carry an aspect ratio";
