@@ -83,7 +83,7 @@ void SkipScalingList(Bits* bits, int size) {
   }
 }
 
-// Table E-1: aspect_ratio_idc 1..16.
+// The ratios of aspect_ratio_idc 1..16 in the H.264 VUI (0 unspecified).
 constexpr Ratio kTable[] = {{0, 1},   {1, 1},    {12, 11}, {10, 11}, {16, 11}, {40, 33},
                             {24, 11}, {20, 11},  {32, 11}, {80, 33}, {18, 11}, {15, 11},
                             {64, 33}, {160, 99}, {4, 3},   {3, 2},   {2, 1}};

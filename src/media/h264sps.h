@@ -3,7 +3,7 @@
 // camera's stream says without decoding a picture.
 //
 // The parameter set comes from the camera: every read is bounded by the bytes given, and a set
-// that ends early, or names an aspect ratio the standard does not define, gives "unspecified".
+// that ends early, or names an aspect ratio H.264 does not define, gives "unspecified".
 #pragma once
 
 #include <cstddef>
