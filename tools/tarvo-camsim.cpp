@@ -46,6 +46,9 @@ const char kUsage[] =
     "  --talk DIR           cameras without talk= write the talk-back audio they receive to\n"
     "                       DIR/MAC.alaw (raw A-law, the frames' payloads one after the\n"
     "                       other; made empty at start; default: not kept)\n"
+    "  --send-log DIR       each camera writes DIR/MAC.csv, a line \"index,sent_ns\" per video\n"
+    "                       frame: the CLOCK_MONOTONIC nanoseconds at which its last piece\n"
+    "                       went to the socket (for latency measurements; default: not kept)\n"
     "  --board DIR          board root: each camera's line goes into DIR/proc/net/arp\n"
     "                       (default TARVO_ROOT; --board '' writes nothing)\n"
     "\n"
@@ -139,7 +142,7 @@ int main(int argc, char** argv) {
   behaviour.reconnect = std::chrono::seconds(5);
   const char* root = std::getenv("TARVO_ROOT");
   std::string board = root != nullptr ? root : "";
-  std::string video, audio, talk_dir;
+  std::string video, audio, talk_dir, send_log_dir;
   std::vector<std::string> cameras;
   bool pair = false, connect = true, stay = false, quiet = false;
 
@@ -172,6 +175,9 @@ int main(int argc, char** argv) {
     } else if (opt == "--talk") {
       if (!take() || value.empty()) return Usage("--talk needs a folder");
       talk_dir = value;
+    } else if (opt == "--send-log") {
+      if (!take() || value.empty()) return Usage("--send-log needs a folder");
+      send_log_dir = value;
     } else if (opt == "--video" || opt == "--audio" || opt == "--board" || opt == "--hub-ip") {
       if (!take()) return Usage(opt + " needs a value");
       (opt == "--video"   ? video
@@ -237,6 +243,10 @@ int main(int argc, char** argv) {
     config.audio_file = audio;
     std::string error;
     if (camsim::ParseCameraDescription(text, &config, &error) < 0) return Usage(error);
+    std::string digits;
+    if (!send_log_dir.empty() && camsim::NormalizeMac(config.mac, &digits)) {
+      config.send_log_file = send_log_dir + "/" + digits + ".csv";
+    }
     if (config.talk_file.empty() && !talk_dir.empty()) {
       std::string digits;
       if (camsim::NormalizeMac(config.mac, &digits)) {

@@ -69,9 +69,22 @@ int Camera::Impl::Start(std::string* error) {
                   std::strerror(errno));
     }
   }
+  if (!config_.send_log_file.empty()) {
+    send_log_ = std::fopen(config_.send_log_file.c_str(), "we");
+    if (send_log_ == nullptr) {
+      const std::string why = std::strerror(errno);
+      if (talk_out_ != nullptr) std::fclose(talk_out_);
+      talk_out_ = nullptr;
+      return fail("cannot write the send log " + config_.send_log_file + ": " + why);
+    }
+    std::setvbuf(send_log_, nullptr, _IOLBF, 0);  // readable while the camera streams
+    std::fputs("index,sent_ns\n", send_log_);
+  }
   auto close_talk = [this] {
     if (talk_out_ != nullptr) std::fclose(talk_out_);
     talk_out_ = nullptr;
+    if (send_log_ != nullptr) std::fclose(send_log_);
+    send_log_ = nullptr;
   };
   udp_fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (udp_fd_ < 0 ||
@@ -132,6 +145,8 @@ void Camera::Impl::Stop() {
   udp_fd_ = -1;
   if (talk_out_ != nullptr) std::fclose(talk_out_);
   talk_out_ = nullptr;
+  if (send_log_ != nullptr) std::fclose(send_log_);
+  send_log_ = nullptr;
 }
 
 int Camera::Impl::Call(const std::function<int()>& fn) {

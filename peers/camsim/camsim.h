@@ -63,6 +63,10 @@ struct CameraConfig {
   // Talk-back audio from the hub is written here, the payloads one after the other as they
   // arrive (made empty at Start); empty: not kept.
   std::string talk_file;
+  // A line "index,sent_ns" per video frame goes here (made empty at Start): the camera's frame
+  // index and the CLOCK_MONOTONIC time at which the frame's last piece was handed to the
+  // socket (taken just before the call), for latency measurements; empty: not kept.
+  std::string send_log_file;
   // Credentials the pairing reply must carry; empty: any.
   std::string expect_ssid;
   std::string expect_key;

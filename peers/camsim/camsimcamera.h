@@ -213,6 +213,7 @@ class Camera::Impl {
   std::unique_ptr<command::FrameCutter> rx_;
   std::unique_ptr<uint8_t[]> out_;
   std::FILE* talk_out_ = nullptr;  // the talk-back file, when kept
+  std::FILE* send_log_ = nullptr;  // the frames' send times, when kept
   bool connected_ = false;
   bool want_connected_ = false;
   bool awake_ = false;

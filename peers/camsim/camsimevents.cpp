@@ -2,6 +2,10 @@
 // media, and pairing.
 #include "camsim/camsimcamera.h"
 
+#include <time.h>
+
+#include <cstdio>
+
 namespace camsim {
 
 // --- Sleep, wake and events ------------------------------------------------------------------
@@ -107,10 +111,18 @@ void Camera::Impl::SendTick() {
   header.word2 = WallMillis();
   header.index = frame_index_;
   const int total = PieceCount(f.data.size());
+  timespec last_piece{};
   for (int piece = 1; piece <= total; piece++) {
     const int size =
         BuildVideoPiece(out_.get(), kMaxCameraFrame, Next(), header, f.data.data(), piece, total);
+    // Taken as the last piece goes to the socket: the hub may forward the frame before this
+    // thread runs again after the call.
+    if (piece == total) clock_gettime(CLOCK_MONOTONIC, &last_piece);
     if (SendFrame(out_.get(), size) < 0) return;
+  }
+  if (send_log_ != nullptr) {
+    std::fprintf(send_log_, "%u,%lld\n", header.index,
+                 static_cast<long long>(last_piece.tv_sec) * 1000000000LL + last_piece.tv_nsec);
   }
   frame_index_++;
   const uint64_t from = AudioPosition(tick_, kFps);

@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,12 @@ namespace p2p {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+int64_t MonotonicNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
 
 int Remaining(Clock::time_point deadline) {
   const auto left =
@@ -255,7 +262,8 @@ bool Viewer::Handle(const wire::Message& m) {
         break;
       std::lock_guard<std::mutex> lock(mu_);
       frame_bytes_ += f.data.size();
-      frames_.push_back(ViewerFrame{video, ch, f.number, std::move(f.info), std::move(f.data)});
+      frames_.push_back(ViewerFrame{video, ch, f.number, std::move(f.info), std::move(f.data),
+                                    rx_first_ns_, rx_last_ns_});
       cv_.notify_all();
       return true;
     }
@@ -509,6 +517,8 @@ void Viewer::Reader() {
   std::vector<uint8_t> buf(65536);
   bool running = true;
   // Messages that arrived with the session answer.
+  rx_first_ns_ = rx_last_ns_ = MonotonicNs();
+  int64_t partial_since = rx_first_ns_;  // the read that brought the first buffered byte
   for (;;) {
     wire::Message m;
     const auto r = decoder_.Next(&m);
@@ -545,7 +555,10 @@ void Viewer::Reader() {
         break;
       }
       last_rx = now;
+      const int64_t at = MonotonicNs();
+      const bool continued = decoder_.buffered() > 0;  // a message begun in an earlier read
       decoder_.Feed(buf.data(), static_cast<size_t>(got));
+      bool first = true;
       for (;;) {
         wire::Message m;
         const auto r = decoder_.Next(&m);
@@ -557,11 +570,17 @@ void Viewer::Reader() {
           running = false;
           break;
         }
+        rx_first_ns_ = first && continued ? partial_since : at;
+        rx_last_ns_ = at;
+        first = false;
         if (!Handle(m)) {
           running = false;
           break;
         }
       }
+      // What is left is the start of a message: it came with this read unless this read only
+      // added to the message already begun.
+      if (decoder_.buffered() > 0 && !(continued && first)) partial_since = at;
     } else if (now - last_rx >= idle) {
       TLOG(LOG_WARNING) << "viewer: nothing from the hub for " << timing.idle_ms << " ms";
       std::lock_guard<std::mutex> lock(mu_);

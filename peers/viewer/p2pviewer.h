@@ -37,6 +37,11 @@ struct ViewerFrame {
   uint32_t number = 0;  // counted from 0 per channel and kind by the hub
   std::vector<uint8_t> info;
   std::vector<uint8_t> data;
+  // CLOCK_MONOTONIC nanoseconds at which the reads that brought the frame's first and last
+  // bytes returned (one clock for every process of the machine: compared with a camera's send
+  // times, they give the hub's latency).
+  int64_t first_byte_ns = 0;
+  int64_t last_byte_ns = 0;
 };
 
 struct ViewerIoCtrl {
@@ -137,6 +142,9 @@ class Viewer {
   int fd_ = -1;
   int sid_ = -1;
   wire::Decoder decoder_{wire::Reader::kViewer};
+  // Arrival of the message Handle is given (the reader thread's own).
+  int64_t rx_first_ns_ = 0;
+  int64_t rx_last_ns_ = 0;
   std::thread reader_;
 
   mutable std::mutex mu_;

@@ -46,7 +46,10 @@ int LiveRecorder::Open(const RecordOptions& options, std::string* error) {
   log_ = OpenFile(options.frame_log_path, error);
   if (!options.frame_log_path.empty() && log_ == nullptr) return -1;
   if (log_ != nullptr) {
-    std::fputs("kind,number,index,key,bytes,encrypted,seconds,milliseconds\n", log_);
+    std::fputs(
+        "kind,number,index,key,bytes,encrypted,seconds,milliseconds,first_byte_ns,"
+        "last_byte_ns\n",
+        log_);
   }
   if (!options.mp4_path.empty()) mp4_ = std::make_unique<Mp4Remux>(options.mp4_path, options.fps);
   return 0;
@@ -107,9 +110,11 @@ void LiveRecorder::Add(const p2p::ViewerFrame& frame, const unsigned char* key) 
     Write(alaw_, plain);
   }
   if (log_ != nullptr) {
-    std::fprintf(log_, "%s,%u,%u,%d,%zu,%d,%u,%u\n", frame.video ? "video" : "audio", frame.number,
-                 frame.video ? info.frame_index : 0u, info.key_frame ? 1 : 0, plain.size(),
-                 info.encrypted ? 1 : 0, info.seconds, info.milliseconds);
+    std::fprintf(log_, "%s,%u,%u,%d,%zu,%d,%u,%u,%lld,%lld\n", frame.video ? "video" : "audio",
+                 frame.number, frame.video ? info.frame_index : 0u, info.key_frame ? 1 : 0,
+                 plain.size(), info.encrypted ? 1 : 0, info.seconds, info.milliseconds,
+                 static_cast<long long>(frame.first_byte_ns),
+                 static_cast<long long>(frame.last_byte_ns));
   }
 }
 

@@ -13,6 +13,7 @@ extern "C" {
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -20,6 +21,7 @@ extern "C" {
 #include <string>
 
 #include "base/log.h"
+#include "media/h264sps.h"
 #include "media/h264units.h"
 
 namespace {
@@ -46,7 +48,6 @@ int Defragment(const char* from, const char* to) {
   AVPacket* packet = av_packet_alloc();
   int rc = packet != nullptr ? 0 : AVERROR(ENOMEM);
   if (rc == 0) rc = avformat_open_input(&in, from, nullptr, nullptr);
-  if (rc == 0) rc = avformat_find_stream_info(in, nullptr);
   if (rc >= 0) rc = avformat_alloc_output_context2(&out, nullptr, kMuxer, to);
   for (unsigned i = 0; rc >= 0 && i < in->nb_streams; i++) {
     AVStream* st = avformat_new_stream(out, nullptr);
@@ -56,6 +57,13 @@ int Defragment(const char* from, const char* to) {
     }
     rc = avcodec_parameters_copy(st->codecpar, in->streams[i]->codecpar);
     st->codecpar->codec_tag = 0;
+    if (st->codecpar->codec_id == AV_CODEC_ID_H264) {
+      // What the demuxer cannot know from the fragmented file; read from the stream's own
+      // parameter set instead of probing (which decodes pictures: megabytes at 1080p).
+      const h264sps::Ratio sar = h264sps::SampleAspectOfConfig(
+          st->codecpar->extradata, static_cast<size_t>(std::max(0, st->codecpar->extradata_size)));
+      st->codecpar->sample_aspect_ratio = AVRational{sar.num, sar.den};
+    }
     st->time_base = in->streams[i]->time_base;
     st->avg_frame_rate = in->streams[i]->avg_frame_rate;
   }

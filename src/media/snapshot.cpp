@@ -33,20 +33,24 @@ std::string AvError(int code) {
   return text;
 }
 
+// One conversion's FFmpeg objects, all freed when it ends. The stages run one after the other
+// and each frees what the next does not need: the 1080p decoder and its picture (about 4 MiB)
+// are gone before the JPEG encoder (about 3 MiB at 640x360) is made, so a conversion never holds
+// both, and nothing stays resident between events. Making a decoder and an encoder costs far
+// less than decoding the picture.
 class Converter {
  public:
   ~Converter() {
-    avcodec_free_context(&decoder_);
+    FreeDecoder();
     avcodec_free_context(&encoder_);
     sws_freeContext(scaler_);
-    av_frame_free(&picture_);
     av_frame_free(&scaled_);
     av_packet_free(&packet_);
   }
 
   // Decodes one access unit into picture_. 0 or an FFmpeg error.
   int Decode(const uint8_t* data, uint32_t size) {
-    int rc = Prepare();
+    int rc = OpenDecoder();
     if (rc < 0) return rc;
     rc = av_new_packet(packet_, static_cast<int>(size));
     if (rc < 0) return rc;
@@ -56,14 +60,8 @@ class Converter {
     av_packet_unref(packet_);
     // Drain: the one picture comes out now, whatever the decoder's delay.
     if (rc >= 0) rc = avcodec_send_packet(decoder_, nullptr);
-    int got = -1;
-    if (rc >= 0) {
-      av_frame_unref(picture_);
-      got = avcodec_receive_frame(decoder_, picture_);
-    }
-    avcodec_flush_buffers(decoder_);  // ready for the next unit
     if (rc < 0) return rc;
-    return got;
+    return avcodec_receive_frame(decoder_, picture_);
   }
 
   int Convert(const char* path, const uint8_t* data, uint32_t size, int width, int height) {
@@ -73,23 +71,30 @@ class Converter {
       return -1;
     }
     if (picture_->width <= 0 || picture_->height <= 0) return -1;
-    rc = PrepareEncoder(width, height);
-    if (rc < 0) {
-      TLOG(LOG_DEBUG) << "JPEG encoder error: " << AvError(rc);
-      return -1;
-    }
-    scaler_ = sws_getCachedContext(scaler_, picture_->width, picture_->height,
-                                   static_cast<AVPixelFormat>(picture_->format), width, height,
-                                   AV_PIX_FMT_YUVJ420P, SWS_BILINEAR, nullptr, nullptr, nullptr);
+    scaled_ = av_frame_alloc();
+    if (scaled_ == nullptr) return -1;
+    scaled_->format = AV_PIX_FMT_YUVJ420P;
+    scaled_->width = width;
+    scaled_->height = height;
+    if (av_frame_get_buffer(scaled_, 0) < 0) return -1;
+    scaler_ = sws_getContext(picture_->width, picture_->height,
+                             static_cast<AVPixelFormat>(picture_->format), width, height,
+                             AV_PIX_FMT_YUVJ420P, SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (scaler_ == nullptr) {
       TLOG(LOG_DEBUG) << "No scaler from " << picture_->width << "x" << picture_->height;
       return -1;
     }
-    rc = av_frame_make_writable(scaled_);
-    if (rc < 0) return -1;
     sws_scale(scaler_, picture_->data, picture_->linesize, 0, picture_->height, scaled_->data,
               scaled_->linesize);
-    scaled_->pts = frames_++;
+    sws_freeContext(scaler_);
+    scaler_ = nullptr;
+    FreeDecoder();
+    rc = OpenEncoder(width, height);
+    if (rc < 0) {
+      TLOG(LOG_DEBUG) << "JPEG encoder error: " << AvError(rc);
+      return -1;
+    }
+    scaled_->pts = 0;
     scaled_->quality = encoder_->global_quality;
     rc = avcodec_send_frame(encoder_, scaled_);
     if (rc >= 0) rc = avcodec_receive_packet(encoder_, packet_);
@@ -97,35 +102,28 @@ class Converter {
       TLOG(LOG_DEBUG) << "JPEG encode error: " << AvError(rc);
       return -1;
     }
-    rc = WriteWhole(path, packet_->data, static_cast<size_t>(packet_->size));
-    av_packet_unref(packet_);
-    return rc;
+    return WriteWhole(path, packet_->data, static_cast<size_t>(packet_->size));
   }
 
  private:
-  int Prepare() {
-    if (decoder_ != nullptr) return 0;
+  int OpenDecoder() {
     const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_H264);
     if (codec == nullptr) return AVERROR_DECODER_NOT_FOUND;
     decoder_ = avcodec_alloc_context3(codec);
     picture_ = av_frame_alloc();
-    scaled_ = av_frame_alloc();
     packet_ = av_packet_alloc();
-    if (decoder_ == nullptr || picture_ == nullptr || scaled_ == nullptr || packet_ == nullptr) {
-      avcodec_free_context(&decoder_);
-      return AVERROR(ENOMEM);
-    }
+    if (decoder_ == nullptr || picture_ == nullptr || packet_ == nullptr) return AVERROR(ENOMEM);
     decoder_->thread_count = 1;  // one picture: threads would only cost memory
     decoder_->flags |= AV_CODEC_FLAG_LOW_DELAY;
-    const int rc = avcodec_open2(decoder_, codec, nullptr);
-    if (rc < 0) avcodec_free_context(&decoder_);
-    return rc;
+    return avcodec_open2(decoder_, codec, nullptr);
   }
 
-  int PrepareEncoder(int width, int height) {
-    if (encoder_ != nullptr && encoder_->width == width && encoder_->height == height) return 0;
-    avcodec_free_context(&encoder_);
-    av_frame_unref(scaled_);
+  void FreeDecoder() {
+    av_frame_free(&picture_);
+    avcodec_free_context(&decoder_);
+  }
+
+  int OpenEncoder(int width, int height) {
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
     if (codec == nullptr) return AVERROR_ENCODER_NOT_FOUND;
     encoder_ = avcodec_alloc_context3(codec);
@@ -136,17 +134,7 @@ class Converter {
     encoder_->time_base = AVRational{1, 15};
     encoder_->flags |= AV_CODEC_FLAG_QSCALE;
     encoder_->global_quality = FF_QP2LAMBDA * kJpegQuality;
-    int rc = avcodec_open2(encoder_, codec, nullptr);
-    if (rc < 0) {
-      avcodec_free_context(&encoder_);
-      return rc;
-    }
-    scaled_->format = AV_PIX_FMT_YUVJ420P;
-    scaled_->width = width;
-    scaled_->height = height;
-    rc = av_frame_get_buffer(scaled_, 0);
-    if (rc < 0) avcodec_free_context(&encoder_);
-    return rc;
+    return avcodec_open2(encoder_, codec, nullptr);
   }
 
   // Writes the JPEG under a temporary name and renames it, so path holds a whole picture or
@@ -180,16 +168,10 @@ class Converter {
   AVFrame* picture_ = nullptr;
   AVFrame* scaled_ = nullptr;
   AVPacket* packet_ = nullptr;
-  int64_t frames_ = 0;
 };
 
+// Conversions one at a time, whichever camera's recorder asks: their memory never adds up.
 std::mutex g_mutex;
-Converter* g_converter = nullptr;  // made at the first use, kept for the process's life
-
-Converter& TheConverter() {
-  if (g_converter == nullptr) g_converter = new Converter();
-  return *g_converter;
-}
 
 bool ValidFrame(const uint8_t* data, uint32_t size) {
   return data != nullptr && size > 0 && size <= kMaxFrame;
@@ -206,7 +188,7 @@ int ConvertH264FrameToJpeg(const char* path, const uint8_t* data, uint32_t size,
     return -1;
   }
   std::lock_guard<std::mutex> lock(g_mutex);
-  return TheConverter().Convert(path, data, size, width, height);
+  return Converter().Convert(path, data, size, width, height);
 }
 
 namespace snapshot {
@@ -214,7 +196,7 @@ namespace snapshot {
 int DecodeOnly(const uint8_t* data, uint32_t size) {
   if (!ValidFrame(data, size)) return -1;
   std::lock_guard<std::mutex> lock(g_mutex);
-  return TheConverter().Decode(data, size) < 0 ? -1 : 0;
+  return Converter().Decode(data, size) < 0 ? -1 : 0;
 }
 
 }  // namespace snapshot

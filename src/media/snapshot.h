@@ -1,9 +1,10 @@
 // The event snapshot: one H.264 key frame decoded with libavcodec, scaled with libswscale and
 // written as a JPEG by libavcodec's MJPEG encoder.
 //
-// The decoder, scaler and encoder are made at the first conversion and kept for the next ones
-// (an encoder is made again only when the size changes), so a conversion allocates nothing that
-// outlives it. Conversions are serialised by one lock; any thread may convert.
+// Each conversion makes its decoder, scaler and encoder and frees them before it returns, so no
+// picture buffer stays resident between events; the 1080p decoder is freed before the encoder
+// is made. Conversions are serialised by one lock (whichever recorder asks, their memory never
+// adds up); any thread may convert.
 #pragma once
 
 #include <cstddef>

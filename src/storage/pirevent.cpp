@@ -8,6 +8,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <set>
+#include <system_error>
+#include <thread>
 
 #include "base/log.h"
 #include "camera/camera.h"
@@ -27,6 +30,20 @@ namespace {
 // lies in front), hour folder and files 512, the "/%MM%SS_" piece 32.
 constexpr size_t kFolderPath = 256;
 constexpr size_t kFilePath = 512;
+
+// Cameras whose ended event is being finished (by MAC: a reconnected camera's new recorder
+// must not reuse the scratch files its old one is still copying).
+std::mutex g_finishing_mutex;
+std::set<std::string> g_finishing;
+
+void SetFinishing(const std::string& mac, bool finishing) {
+  std::lock_guard<std::mutex> lock(g_finishing_mutex);
+  if (finishing) {
+    g_finishing.insert(mac);
+  } else {
+    g_finishing.erase(mac);
+  }
+}
 
 // Forces a folder's entries (a rename into it) to the card.
 void SyncFolder(const char* dir) {
@@ -89,7 +106,7 @@ int PirEvent::HappenEvent() {
       return -1;
     }
   }
-  if (IsCameraUploading(mac)) {
+  if (IsFinishing() || IsCameraUploading(mac)) {
     TLOG(LOG_DEBUG) << "last event still handling, stop new pir";
     return -1;
   }
@@ -214,16 +231,32 @@ void PirEvent::StopEvent(uint32_t start_time, int force) {
     return;
   }
   recording_.store(0);
-  if (record_handle_ != nullptr) {
-    orump4_close_file_for_create(record_handle_);
-    record_handle_ = nullptr;
-  }
+  ORU_MP4_HANDLE clip = record_handle_;
+  record_handle_ = nullptr;
   expected_index_ = 0;
   ResetFrame();
   if (force == 1) {
+    if (clip != nullptr) orump4_close_file_for_create(clip);
     TLOG(LOG_DEBUG) << "This is force stop pir event";
     return;
   }
+  // The clip's remux, the card copies and their syncs take from tens of milliseconds to
+  // seconds on a slow card: on the event loop they would hold every camera's live frames.
+  SetFinishing(mac, true);
+  if (std::shared_ptr<PirEvent> self = weak_from_this().lock()) {
+    try {
+      std::thread([self, clip, start_time] { self->FinishEvent(clip, start_time); }).detach();
+      return;
+    } catch (const std::system_error& e) {
+      TLOG(LOG_DEBUG) << "Start the event's finishing thread failed: " << e.what();
+    }
+  }
+  FinishEvent(clip, start_time);  // no thread (or not owned by a channel): here
+}
+
+void PirEvent::FinishEvent(ORU_MP4_HANDLE clip, uint32_t start_time) {
+  const std::string& mac = camera_->mac();
+  if (clip != nullptr) orump4_close_file_for_create(clip);
   if (CheckSdcardMount() != 0) {
     TLOG(LOG_DEBUG) << "Sdcard don't exist or popen fail";
   } else if (MovePirEventInSDCard(start_time) < 0) {
@@ -235,6 +268,12 @@ void PirEvent::StopEvent(uint32_t start_time, int force) {
   }
   // The cloud gets the event whatever happened on the card.
   InsetInUploadList();
+  SetFinishing(mac, false);
+}
+
+bool PirEvent::IsFinishing() const {
+  std::lock_guard<std::mutex> lock(g_finishing_mutex);
+  return g_finishing.count(camera_->mac()) != 0;
 }
 
 int PirEvent::MovePirEventInSDCard(unsigned int start_time) {

@@ -9,12 +9,16 @@
 // StopEvent(start, 1) from its session thread. The alarm upload's thread calls
 // SetLastEventTime when the camera's alarm was handled.
 //
-// Threads. Everything but SetLastEventTime runs under the recorder's own lock, so the viewer's
-// forced stop never meets the event-loop thread halfway through a frame; the lock is held for a
-// frame's copy, or for the end of an event (clip finish, card copy, index append). The recording
-// flag, the last frame index, the start time and the last event time are atomics for the
-// lock-free readers. A stop while nothing is recorded does nothing, so a stop that loses the
-// race against another never stores an abandoned event.
+// Threads. Everything but SetLastEventTime and FinishEvent runs under the recorder's own lock,
+// so the viewer's forced stop never meets the event-loop thread halfway through a frame; the
+// lock is held for a frame's copy or a forced stop's clip close. A stored event ends on a thread
+// of its own (FinishEvent: clip finish and remux, card copy and syncs, index append, alarm),
+// which holds the recorder alive and uses only the camera and the clip handed to it, so the
+// event loop, which forwards every camera's live frames, never waits for the card; the camera's
+// next event is refused ("last event still handling") until it is done. The recording flag,
+// the last frame index, the start time and the last event time are atomics
+// for the lock-free readers. A stop while nothing is recorded does nothing, so a stop that loses
+// the race against another never stores an abandoned event.
 //
 // Paths: the scratch folder and SD card paths are opened under the board root; the alarm record
 // holds the hub's scratch paths.
@@ -47,7 +51,7 @@ constexpr int kMaxFramePieces = 63;
 constexpr int kSnapshotWidth = 640;
 constexpr int kSnapshotHeight = 360;
 
-class PirEvent : public channel::EventSink {
+class PirEvent : public channel::EventSink, public std::enable_shared_from_this<PirEvent> {
  public:
   explicit PirEvent(std::shared_ptr<camera::Camera> camera);
   ~PirEvent() override;  // closes an open clip
@@ -62,9 +66,13 @@ class PirEvent : public channel::EventSink {
   void RecvEventAudio(const _net_cmd_type* frame) override;
   uint32_t LastFrameIndex() override { return last_frame_index_.load(); }
   uint32_t EventStartTime() override { return start_time_.load(); }
-  // Ends the event: force 1 abandons it (nothing stored or uploaded); otherwise the files go to
-  // the card and the index, and the alarm is queued whatever happened on the card.
+  // Ends the event: force 1 abandons it (nothing stored or uploaded); otherwise the clip is
+  // finished, the files go to the card and the index, and the alarm is queued whatever happened
+  // on the card, all of it by FinishEvent on a thread of its own (see the file's comment).
   void StopEvent(uint32_t start_time, int force) override;
+  // An ended event of this camera (of this recorder or of one its channel had before a
+  // reconnection) is still being finished: the scratch files are in use.
+  bool IsFinishing() const;
   void SetLastEventTime(uint32_t seconds) override { last_event_time_.store(seconds); }
 
   // The snapshot of the event, from its second key frame (under the lock).
@@ -81,6 +89,10 @@ class PirEvent : public channel::EventSink {
 
  private:
   void ResetFrame();
+  // The end of a stored event: finishes the clip, moves it to the card, queues the alarm, then
+  // marks the camera finished. Uses only the camera and its arguments, without the recorder's
+  // lock.
+  void FinishEvent(ORU_MP4_HANDLE clip, uint32_t start_time);
 
   std::mutex mutex_;
   std::atomic<int> recording_{0};

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -61,6 +62,7 @@ struct Got {
   uint8_t subtype = 0;
   std::string dst;
   Bytes frame;
+  int64_t at_ns = 0;  // CLOCK_MONOTONIC after the read that completed it
   const _net_cmd_type* header() const { return command::AsFrame(frame.data()); }
   Bytes payload() const { return Bytes(frame.begin() + 32, frame.end() - 2); }
   bool keepalive() const { return type == 0 && dst == "686868686868"; }
@@ -200,6 +202,8 @@ class ScriptedHub {
     }
     if (got == 1) one_byte_++;
     rx_.Commit(static_cast<size_t>(got));
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
     std::vector<Got> cut;
     rx_.Cut([&](const _net_cmd_type* f) {
       Got g;
@@ -207,6 +211,7 @@ class ScriptedHub {
       g.subtype = f->subtype;
       g.dst = command::AddressText(f->dst_addr);
       g.frame.assign(f->Bytes(), f->Bytes() + f->FrameSize());
+      g.at_ns = static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
       cut.push_back(std::move(g));
     });
     held_.store(rx_.Held());
@@ -490,6 +495,7 @@ struct Reassembled {
   std::vector<uint32_t> keys;
   Bytes audio;
   std::vector<uint32_t> audio_indices;
+  std::vector<int64_t> last_piece_ns;  // arrival of each frame's last piece
 };
 Reassembled Reassemble(const std::vector<Got>& frames) {
   Reassembled r;
@@ -517,6 +523,7 @@ Reassembled Reassemble(const std::vector<Got>& frames) {
       r.frames.push_back(building);
       r.keys.push_back(command::GetLe32(p.data() + 4));
       r.indices.push_back(command::GetLe32(p.data() + 12));
+      r.last_piece_ns.push_back(g.at_ns);
       building.clear();
       expect_piece = 1;
     } else {
@@ -529,7 +536,10 @@ Reassembled Reassemble(const std::vector<Got>& frames) {
 TEST(Camsim, StreamsItsClipInTheHubsLayoutUntilStopped) {
   ScriptedHub hub;
   const std::string mac = "0A0000000086";
-  camsim::Camera cam(Config(mac, "127.0.0.86"), Endpoint(hub.port()));
+  testsupport::TempDir dir;
+  camsim::CameraConfig config = Config(mac, "127.0.0.86");
+  config.send_log_file = dir.path() + "/sends.csv";
+  camsim::Camera cam(config, Endpoint(hub.port()));
   StartAndConnect(cam, hub);
   hub.Send(mac, command::kTypeControl, command::kSubStartStream, {0xD2, 0x04, 0x00, 0x00});
   EXPECT_EQ(Bytes({0x01, 0x02, 0x01}), hub.Nth(command::kTypeAck, 0, 1).payload());
@@ -562,6 +572,27 @@ TEST(Camsim, StreamsItsClipInTheHubsLayoutUntilStopped) {
   EXPECT_EQ(1234u, s.stream_time);
   EXPECT_EQ(static_cast<int>(r.frames.size()), s.video_frames);
   EXPECT_EQ(0u, hub.Discards());
+
+  // The send log: a line per frame, its index, and a time no later than the arrival of the
+  // frame's last piece at the hub (the hub cannot have a byte the camera has not handed on).
+  std::ifstream log(config.send_log_file);
+  std::string line;
+  std::getline(log, line);
+  EXPECT_EQ("index,sent_ns", line);
+  size_t n = 0;
+  int64_t previous = 0;
+  while (std::getline(log, line)) {
+    const size_t comma = line.find(',');
+    ASSERT_NE(std::string::npos, comma) << line;
+    ASSERT_LT(n, r.frames.size());
+    EXPECT_EQ(std::to_string(r.indices[n]), line.substr(0, comma));
+    const int64_t sent = std::stoll(line.substr(comma + 1));
+    EXPECT_GT(sent, previous);
+    EXPECT_LE(sent, r.last_piece_ns[n]) << "frame " << n;
+    previous = sent;
+    n++;
+  }
+  EXPECT_EQ(r.frames.size(), n);
 }
 
 TEST(Camsim, StreamsTheGeneratedTestMediaByteForByte) {

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -349,6 +350,41 @@ TEST_F(P2pTransport, FramesArriveIntactAndInOrder) {
             avSendFrameData(h.av, &one, static_cast<int>(p2p::wire::kMaxVideoData) + 1, &one, 1));
   EXPECT_EQ(AV_ER_INVALID_ARG, avSendFrameData(h.av, &one, 1, &one, 65));
   EXPECT_EQ(AV_ER_INVALID_ARG, avSendFrameData(h.av, nullptr, 1, &one, 1));
+}
+
+int64_t MonotonicNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+// The viewer's arrival times (what latency measurements compare with a camera's send times):
+// each frame's first and last byte lie between its send and its reception, a frame larger than
+// one read has its first byte before its last, and a frame that begins in the read that ended
+// the one before it does not take that one's earlier start.
+TEST_F(P2pTransport, ArrivalTimesOfEachFrameLieBetweenItsSendAndItsReception) {
+  p2p::Viewer v;
+  const HubSide h = Open(v);
+  const std::vector<size_t> sizes = {100, 300000, 300000, 50};
+  const int64_t sent = MonotonicNs();
+  for (size_t i = 0; i < sizes.size(); i++) {
+    const auto data = Pattern(sizes[i], static_cast<unsigned>(i));
+    const auto info = Info(static_cast<unsigned>(i));
+    ASSERT_EQ(0, avSendFrameData(h.av, reinterpret_cast<const char*>(data.data()),
+                                 static_cast<int>(data.size()), info.data(), 28));
+  }
+  int64_t previous_last = 0;
+  for (size_t i = 0; i < sizes.size(); i++) {
+    p2p::ViewerFrame f;
+    ASSERT_EQ(static_cast<int>(sizes[i]), v.RecvFrame(&f, kWait));
+    const int64_t received = MonotonicNs();
+    EXPECT_LE(sent, f.first_byte_ns) << "frame " << i;
+    EXPECT_LE(f.first_byte_ns, f.last_byte_ns) << "frame " << i;
+    EXPECT_LE(f.last_byte_ns, received) << "frame " << i;
+    EXPECT_GE(f.first_byte_ns, previous_last) << "frame " << i;
+    if (sizes[i] > 65536) EXPECT_LT(f.first_byte_ns, f.last_byte_ns) << "frame " << i;
+    previous_last = f.last_byte_ns;
+  }
 }
 
 // The frame of a fill call: Pattern(size, seed) written into the transport's message, or a

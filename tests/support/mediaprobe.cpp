@@ -61,7 +61,8 @@ Probe ProbeFile(const std::string& path) {
   int status = 0;
   const std::string out =
       Run("ffprobe -v error -count_packets -show_entries "
-          "stream=codec_name,codec_tag_string,width,height,sample_rate,nb_read_packets,duration_ts "
+          "stream=codec_name,codec_tag_string,width,height,sample_aspect_ratio,sample_rate,"
+          "nb_read_packets,duration_ts "
           "-of default " +
               Quote(path),
           &status);
@@ -92,6 +93,7 @@ Probe ProbeFile(const std::string& path) {
     if (key == "codec_tag_string") current->tag = value;
     if (key == "width") current->width = static_cast<int>(Number(value));
     if (key == "height") current->height = static_cast<int>(Number(value));
+    if (key == "sample_aspect_ratio") current->sample_aspect_ratio = value;
     if (key == "sample_rate") current->sample_rate = static_cast<int>(Number(value));
     if (key == "nb_read_packets") current->packets = Number(value);
     if (key == "duration_ts") current->duration = Number(value);

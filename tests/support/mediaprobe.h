@@ -17,6 +17,7 @@ struct ProbedStream {
   std::string tag;    // "avc1", "alaw"
   int width = 0;
   int height = 0;
+  std::string sample_aspect_ratio;  // "1:1"; "0:1" or "" when unspecified
   int sample_rate = 0;
   int64_t packets = 0;   // packets read (video: frames)
   int64_t duration = 0;  // in the stream's time base units (audio: samples)

@@ -74,6 +74,24 @@ TEST_F(MediaClip, ClosedClipIsAnOrdinaryFileWithEveryFrameAndTheALawTrack) {
   EXPECT_EQ("moov", boxes[1]);
   for (const std::string& box : boxes) EXPECT_NE("moof", box);
   EXPECT_FALSE(FileExists(clip_ + ".plain"));
+
+  // The track's aspect ratio box says what the camera's parameter sets say, as a decoder of the
+  // camera's stream reads them.
+  const testsupport::Probe camera = ProbeFile(testsupport::TestMedia("camera-1080p15.h264"));
+  ASSERT_NE(nullptr, camera.Find("h264"));
+  const std::string sar = camera.Find("h264")->sample_aspect_ratio;
+  ASSERT_EQ("1:1", sar) << "the test media should carry an aspect ratio";
+  const std::string bytes = testsupport::ReadFile(clip_);
+  const size_t pasp = bytes.find("pasp");
+  ASSERT_NE(std::string::npos, pasp);
+  ASSERT_LE(pasp + 12, bytes.size());
+  auto be32 = [&](size_t at) {
+    return (static_cast<uint32_t>(static_cast<uint8_t>(bytes[at])) << 24) |
+           (static_cast<uint32_t>(static_cast<uint8_t>(bytes[at + 1])) << 16) |
+           (static_cast<uint32_t>(static_cast<uint8_t>(bytes[at + 2])) << 8) |
+           static_cast<uint8_t>(bytes[at + 3]);
+  };
+  EXPECT_EQ(sar, std::to_string(be32(pasp + 4)) + ":" + std::to_string(be32(pasp + 8)));
 }
 
 TEST_F(MediaClip, StartsAtTheFirstKeyFrameAndIgnoresANullHandle) {
@@ -140,7 +158,7 @@ TEST_F(MediaClip, SnapshotOfAKeyFrameIsA640x360Jpeg) {
   const std::string jpeg = dir_.path() + "/alarm.jpeg";
   const camsim::VideoFrame& key = media_.video->at(15);
   ASSERT_TRUE(key.key);
-  // the converter is kept between events: several in a row, the same picture each time
+  // each conversion starts afresh: several in a row, the same picture each time
   std::string first;
   for (int i = 0; i < 3; i++) {
     ASSERT_EQ(0, ConvertH264FrameToJpeg(jpeg.c_str(), key.data.data(),
@@ -157,7 +175,7 @@ TEST_F(MediaClip, SnapshotOfAKeyFrameIsA640x360Jpeg) {
   EXPECT_EQ(640, probe.Find("mjpeg")->width);
   EXPECT_EQ(360, probe.Find("mjpeg")->height);
 
-  // another size makes a new encoder; the decoder stays
+  // another size
   const std::string small = dir_.path() + "/small.jpeg";
   ASSERT_EQ(0, ConvertH264FrameToJpeg(small.c_str(), key.data.data(),
                                       static_cast<uint32_t>(key.data.size()), 320, 180));

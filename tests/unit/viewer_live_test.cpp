@@ -90,8 +90,9 @@ TEST(LiveRecorder, CountsFramesKeyFramesBytesGapsAndNewStreams) {
   std::string heading, first;
   std::getline(csv, heading);
   std::getline(csv, first);
-  EXPECT_EQ("kind,number,index,key,bytes,encrypted,seconds,milliseconds", heading);
-  EXPECT_EQ("video,65534,65534,0,6,0,0,0", first);
+  EXPECT_EQ("kind,number,index,key,bytes,encrypted,seconds,milliseconds,first_byte_ns,last_byte_ns",
+            heading);
+  EXPECT_EQ("video,65534,65534,0,6,0,0,0,0,0", first);
 }
 
 TEST(Mp4Remux, StartsFromParameterSetsAndRefusesToFinishWithoutAKeyFrame) {
