@@ -79,13 +79,8 @@ const auto* const g_env = ::testing::AddGlobalTestEnvironment(new BoardEnvironme
 class FileTransfer : public ::testing::Test {
  protected:
   void SetUp() override {
-    p2p::SetLinkTimeouts(p2p::LinkTimeouts());
-    port_ = testsupport::FreePort();
-    IOTC_Set_Max_Session_Number(4);
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Initialize2(port_));
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Device_Login(kUid, nullptr, kPassword));
-    ASSERT_EQ(8, avInitialize(8));
-    ASSERT_EQ(1, RDT_Initialize());
+    port_ = testsupport::StartHubTransport(kUid, kPassword, 8, true);
+    ASSERT_NE(0, port_);
     const auto session =
         testsupport::AcceptViewer(viewer_, port_, kUid, kPassword, "v", "x", Auth, kWait);
     sid_ = session.sid;
@@ -98,9 +93,7 @@ class FileTransfer : public ::testing::Test {
   void TearDown() override {
     filetransfer_stop(sid_);
     viewer_.Close();
-    RDT_DeInitialize();
-    avDeInitialize();
-    IOTC_DeInitialize();
+    testsupport::StopHubTransport(true);
   }
 
   // A file on the card for (kCam, start, ext); its path.

@@ -16,6 +16,7 @@
 #include "p2p/client.h"
 #include "server/ioctrl.h"
 #include "server/mediaserver.h"
+#include "support/mediaserverenv.h"
 #include "support/testsupport.h"
 
 namespace {
@@ -24,30 +25,13 @@ const char kCamA[] = "0A00000000A1";
 const char kCamB[] = "0A00000000B2";
 
 // One server for the program: its camera listener keeps its port.
-class ServerEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    board_ = std::make_unique<testsupport::TempDir>();
-    testsupport::MakeBoard(board_->path(), {"--force", "--camera", std::string(kCamA), "--camera",
-                                            std::string(kCamB)});
-    setenv("TARVO_ROOT", board_->path().c_str(), 1);
-    setenv("TARVO_HUB_IP", "127.0.0.1", 1);
-    setenv("TARVO_CAMERA_PORT", std::to_string(testsupport::FreePort()).c_str(), 1);
-    server = new server::MediaServer();  // lives as long as the process, as the daemon's does
-    ASSERT_EQ(0, server->Init());
-  }
-  static server::MediaServer* server;
-
- private:
-  std::unique_ptr<testsupport::TempDir> board_;
-};
-server::MediaServer* ServerEnvironment::server = nullptr;
-const auto* const g_env = ::testing::AddGlobalTestEnvironment(new ServerEnvironment);
+const auto* const g_env =
+    ::testing::AddGlobalTestEnvironment(new testsupport::MediaServerEnvironment({kCamA, kCamB}));
 
 class IoCtrl : public ::testing::Test {
  protected:
   void SetUp() override {
-    server_ = ServerEnvironment::server;
+    server_ = testsupport::MediaServerEnvironment::server();
     ASSERT_NE(nullptr, server_);
     client_ = server_->GetClient(0);
     ASSERT_NE(nullptr, client_);

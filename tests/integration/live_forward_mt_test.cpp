@@ -90,11 +90,8 @@ class LiveForward : public ::testing::Test {
   };
 
   void SetUp() override {
-    port_ = testsupport::FreePort();
-    IOTC_Set_Max_Session_Number(4);
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Initialize2(port_));
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Device_Login(kUid, nullptr, kPassword));
-    ASSERT_EQ(12, avInitialize(12));
+    port_ = testsupport::StartHubTransport(kUid, kPassword, 12);
+    ASSERT_NE(0, port_);
 
     auto cam = std::make_shared<camera::Camera>(kCam);
     ch_ = std::make_unique<channel::LiveChannel>(cam, kHubMac);
@@ -112,8 +109,7 @@ class LiveForward : public ::testing::Test {
     close(peer_);
     for (auto& v : viewers_) v->viewer.Close();
     viewers_.clear();
-    avDeInitialize();
-    IOTC_DeInitialize();
+    testsupport::StopHubTransport();
   }
 
   // A viewer logged in on a session; its slot's client holds the AV index and its stream key.

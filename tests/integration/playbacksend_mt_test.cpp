@@ -18,6 +18,7 @@
 #include "server/mediaserver.h"
 #include "server/playbacksend.h"
 #include "support/logcapture.h"
+#include "support/mediaserverenv.h"
 #include "support/p2psession.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
@@ -46,34 +47,22 @@ Bytes MakeFrame(size_t n, bool key) {
   return f;
 }
 
-class ServerEnvironment : public ::testing::Environment {
+// The server of a hub without cameras, with the stream encryption ready.
+class ServerEnvironment : public testsupport::MediaServerEnvironment {
  public:
   void SetUp() override {
-    board_ = std::make_unique<testsupport::TempDir>();
-    testsupport::MakeBoard(board_->path(), {"--force"});
-    setenv("TARVO_ROOT", board_->path().c_str(), 1);
-    setenv("TARVO_HUB_IP", "127.0.0.1", 1);
-    setenv("TARVO_CAMERA_PORT", std::to_string(testsupport::FreePort()).c_str(), 1);
     ASSERT_GE(sodium_init(), 0);
     ASSERT_EQ(0, init_work_buffers());
-    server_ = new server::MediaServer();  // lives as long as the process, as the daemon's does
-    ASSERT_EQ(0, server_->Init());
+    MediaServerEnvironment::SetUp();
   }
-
- private:
-  std::unique_ptr<testsupport::TempDir> board_;
-  server::MediaServer* server_ = nullptr;
 };
 const auto* const g_env = ::testing::AddGlobalTestEnvironment(new ServerEnvironment);
 
 class PlaybackSend : public ::testing::Test {
  protected:
   void SetUp() override {
-    port_ = testsupport::FreePort();
-    IOTC_Set_Max_Session_Number(4);
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Initialize2(port_));
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Device_Login(kUid, nullptr, kPassword));
-    ASSERT_EQ(8, avInitialize(8));
+    port_ = testsupport::StartHubTransport(kUid, kPassword, 8);
+    ASSERT_NE(0, port_);
     const auto session =
         testsupport::AcceptViewer(viewer_, port_, kUid, kPassword, "v", "x", AcceptAll, kWait);
     sid_ = session.sid;
@@ -88,8 +77,7 @@ class PlaybackSend : public ::testing::Test {
   void TearDown() override {
     if (client_ != nullptr) client_->SetAvIndex(-1);
     viewer_.Close();
-    avDeInitialize();
-    IOTC_DeInitialize();
+    testsupport::StopHubTransport();
   }
 
   // The viewer's next frame decrypted, with its frame information.

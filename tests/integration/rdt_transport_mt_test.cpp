@@ -77,19 +77,10 @@ bool ReadUntil(int fd, p2p::wire::MsgType type) {
 class Rdt : public ::testing::Test {
  protected:
   void SetUp() override {
-    p2p::SetLinkTimeouts(p2p::LinkTimeouts());
-    port_ = testsupport::FreePort();
-    IOTC_Set_Max_Session_Number(4);
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Initialize2(port_));
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Device_Login(kUid, nullptr, kPassword));
-    ASSERT_EQ(8, avInitialize(8));
-    ASSERT_EQ(1, RDT_Initialize());
+    port_ = testsupport::StartHubTransport(kUid, kPassword, 8, true);
+    ASSERT_NE(0, port_);
   }
-  void TearDown() override {
-    RDT_DeInitialize();
-    avDeInitialize();
-    IOTC_DeInitialize();
-  }
+  void TearDown() override { testsupport::StopHubTransport(true); }
 
   int Listen() { return testsupport::ListenForSession(kWait); }
 

@@ -26,6 +26,7 @@
 #include "p2p/wire.h"
 #include "server/iotypes.h"
 #include "server/mediaserver.h"
+#include "support/mediaserverenv.h"
 #include "support/p2psession.h"
 #include "support/testsupport.h"
 #include "viewer/p2pviewer.h"
@@ -39,24 +40,8 @@ const char kUid[] = "TARVOTESTUID00000003";
 const char kPassword[] = "004217";
 constexpr int kWait = 10000;  // ms: only ever reached when something is wrong
 
-class ServerEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    board_ = std::make_unique<testsupport::TempDir>();
-    testsupport::MakeBoard(board_->path(), {"--force", "--camera", std::string(kCam)});
-    setenv("TARVO_ROOT", board_->path().c_str(), 1);
-    setenv("TARVO_HUB_IP", "127.0.0.1", 1);
-    setenv("TARVO_CAMERA_PORT", std::to_string(testsupport::FreePort()).c_str(), 1);
-    server = new server::MediaServer();  // lives as long as the process, as the daemon's does
-    ASSERT_EQ(0, server->Init());
-  }
-  static server::MediaServer* server;
-
- private:
-  std::unique_ptr<testsupport::TempDir> board_;
-};
-server::MediaServer* ServerEnvironment::server = nullptr;
-const auto* const g_env = ::testing::AddGlobalTestEnvironment(new ServerEnvironment);
+const auto* const g_env =
+    ::testing::AddGlobalTestEnvironment(new testsupport::MediaServerEnvironment({kCam}));
 
 class Talkback : public ::testing::Test {
  protected:
@@ -65,17 +50,12 @@ class Talkback : public ::testing::Test {
       std::lock_guard<std::mutex> lock(mutex_);
       lines_.push_back(text);
     });
-    p2p::SetLinkTimeouts(p2p::LinkTimeouts());
-    port_ = testsupport::FreePort();
-    IOTC_Set_Max_Session_Number(4);
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Initialize2(port_));
-    ASSERT_EQ(IOTC_ER_NoERROR, IOTC_Device_Login(kUid, nullptr, kPassword));
-    ASSERT_EQ(8, avInitialize(8));
+    port_ = testsupport::StartHubTransport(kUid, kPassword, 8);
+    ASSERT_NE(0, port_);
   }
   void TearDown() override {
     viewer_.Close();
-    avDeInitialize();
-    IOTC_DeInitialize();
+    testsupport::StopHubTransport();
     tlog::SetCaptureSink({});
   }
 
@@ -86,7 +66,8 @@ class Talkback : public ::testing::Test {
   }
   void Handle(int sid, uint32_t type, std::vector<char> payload, int av = 0) {
     payload.resize(1025, '\0');
-    ServerEnvironment::server->Handle_IOCTRL_Cmd(sid, av, payload.data(), static_cast<int>(type));
+    testsupport::MediaServerEnvironment::server()->Handle_IOCTRL_Cmd(sid, av, payload.data(),
+                                                                     static_cast<int>(type));
   }
   size_t Count(const std::string& piece) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -105,7 +86,7 @@ class Talkback : public ::testing::Test {
 TEST_F(Talkback, EveryFrameButEachTenthReachesTheCameraUntilTheViewerStops) {
   const int sid = Open();
   ASSERT_GE(sid, 0);
-  client::Client* client = ServerEnvironment::server->GetClient(sid);
+  client::Client* client = testsupport::MediaServerEnvironment::server()->GetClient(sid);
   ASSERT_NE(nullptr, client);
   client->SetCamera(kCam);
   ASSERT_EQ(0, viewer_.OpenTalkback(5));
@@ -174,7 +155,7 @@ TEST_F(Talkback, AnEmptyFrameFromAHandDrivenPeerDoesNotEndTalkback) {
   ASSERT_TRUE(write(p2p::wire::EncodeHello(hello)));
   const int sid = testsupport::ListenForSession(kWait);
   ASSERT_GE(sid, 0);
-  client::Client* client = ServerEnvironment::server->GetClient(sid);
+  client::Client* client = testsupport::MediaServerEnvironment::server()->GetClient(sid);
   ASSERT_NE(nullptr, client);
   client->SetCamera(kCam);
   Handle(sid, server::IOTYPE_USER_IPCAM_SPEAKERSTART, {6, 0, 0, 0});
@@ -229,7 +210,7 @@ TEST_F(Talkback, ALiveStopDropsTheFramesTheViewerHasNotBeenSent) {
   const int sid = session.sid;
   const int av = session.av;
   ASSERT_GE(av, 0);
-  client::Client* client = ServerEnvironment::server->GetClient(sid);
+  client::Client* client = testsupport::MediaServerEnvironment::server()->GetClient(sid);
   ASSERT_NE(nullptr, client);
   client->SetAvIndex(av);
   // The viewer reads nothing: its library stops taking frames at its limit, the socket fills,

@@ -5,9 +5,34 @@
 #include <chrono>
 #include <future>
 
+#include "p2p/transport.h"
 #include "support/testsupport.h"
 
 namespace testsupport {
+
+uint16_t StartHubTransport(const std::string& uid, const std::string& password, int av_channels,
+                           bool rdt) {
+  p2p::SetLinkTimeouts(p2p::LinkTimeouts());
+  const uint16_t port = FreePort();
+  IOTC_Set_Max_Session_Number(4);
+  const int up = IOTC_Initialize2(port);
+  EXPECT_EQ(IOTC_ER_NoERROR, up);
+  const int login = IOTC_Device_Login(uid.c_str(), nullptr, password.c_str());
+  EXPECT_EQ(IOTC_ER_NoERROR, login);
+  const int av = avInitialize(av_channels);
+  EXPECT_EQ(av_channels, av);
+  const int rdt_up = rdt ? RDT_Initialize() : 1;
+  EXPECT_EQ(1, rdt_up);
+  const bool ok =
+      up == IOTC_ER_NoERROR && login == IOTC_ER_NoERROR && av == av_channels && rdt_up == 1;
+  return ok ? port : 0;
+}
+
+void StopHubTransport(bool rdt) {
+  if (rdt) RDT_DeInitialize();
+  avDeInitialize();
+  IOTC_DeInitialize();
+}
 
 int ListenForSession(int wait_ms) {
   int r = IOTC_ER_TIMEOUT;

@@ -11,6 +11,14 @@
 
 namespace testsupport {
 
+// The hub's side of the transport up on a free loopback port: default link time-outs, four
+// sessions, logged in as uid, AV with av_channels channels, and RDT when asked. Returns the
+// port, or 0 after a step failed (which fails the test).
+uint16_t StartHubTransport(const std::string& uid, const std::string& password, int av_channels,
+                           bool rdt = false);
+// Takes down what StartHubTransport brought up.
+void StopHubTransport(bool rdt = false);
+
 // The next IOTC_Listen result other than a time-out; IOTC_ER_TIMEOUT after wait_ms.
 int ListenForSession(int wait_ms);
 
