@@ -124,6 +124,25 @@ bool WaitFor(const std::function<bool()>& cond, std::chrono::milliseconds timeou
   }
 }
 
+long WaitUntilSettled(const std::function<long()>& count, std::chrono::milliseconds quiet,
+                      std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  long value = count();
+  auto since = std::chrono::steady_clock::now();
+  for (;;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const auto now = std::chrono::steady_clock::now();
+    const long next = count();
+    if (next != value) {
+      value = next;
+      since = now;
+    } else if (now - since >= quiet) {
+      return value;
+    }
+    if (now >= deadline) return -1;
+  }
+}
+
 namespace {
 
 // Whether a TCP and a UDP socket can bind the port on every address right now (the hub's

@@ -60,6 +60,12 @@ bool FileExists(const std::string& path);
 bool WaitFor(const std::function<bool()>& cond,
              std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// Polls count every 10 ms until it has kept one value for `quiet`, and gives that value; -1 when
+// it still changed after `timeout`. For "nothing more arrives": a late arrival on a slow machine
+// only makes the wait longer, while a stream that goes on never settles.
+long WaitUntilSettled(const std::function<long()>& count, std::chrono::milliseconds quiet,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
 // A port that TCP and UDP could bind on every address a moment ago, outside the kernel's
 // ephemeral range, never handed out twice by this program and claimed against every other test
 // program on the machine until this one ends (a lock under /tmp/tarvo-port-claims).
