@@ -84,6 +84,26 @@ class Rdt : public ::testing::Test {
 
   int Listen() { return testsupport::ListenForSession(kWait); }
 
+  // A viewer's connection on a raw socket that has said hello (the hub's session still to be
+  // listened for); -1 when the hub could not be reached.
+  int RawSession() const {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port_);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    p2p::wire::Hello h;
+    h.uid = kUid;
+    h.password = kPassword;
+    const auto hello = p2p::wire::EncodeHello(h);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+        send(fd, hello.data(), hello.size(), 0) != static_cast<ssize_t>(hello.size())) {
+      if (fd >= 0) close(fd);
+      return -1;
+    }
+    return fd;
+  }
+
   // A session with the AV login on channel 0 done; the hub's AV index in *av.
   int Open(p2p::Viewer& v, int* av = nullptr) {
     const auto h = testsupport::AcceptViewer(v, port_, kUid, kPassword, "viewer", "x", Auth, kWait);
@@ -371,17 +391,8 @@ TEST_F(Rdt, DataBeyondTheWindowOrUnowedCreditEndsTheSession) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     testsupport::LogCapture log;
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port_);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a));
-    p2p::wire::Hello h;
-    h.uid = kUid;
-    h.password = kPassword;
-    auto hello = p2p::wire::EncodeHello(h);
-    ASSERT_EQ(static_cast<ssize_t>(hello.size()), send(fd, hello.data(), hello.size(), 0));
+    const int fd = RawSession();
+    ASSERT_GE(fd, 0);
     const int sid = Listen();
     ASSERT_GE(sid, 0);
     auto hub_end = std::async(std::launch::async, [&] { return RDT_Create(sid, kWait, 6); });
@@ -442,17 +453,8 @@ TEST_F(Rdt, SixteenChannelsAtMostAndAnIdOutsideTheTableIsNoId) {
 // An end of the hub still waiting for the viewer when RDT ends is withdrawn: the viewer is told,
 // so its next end on that channel cannot pair with one that is gone.
 TEST_F(Rdt, EndingRdtWithdrawsAnEndStillWaitingForTheViewer) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port_);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a));
-  p2p::wire::Hello h;
-  h.uid = kUid;
-  h.password = kPassword;
-  const auto hello = p2p::wire::EncodeHello(h);
-  ASSERT_EQ(static_cast<ssize_t>(hello.size()), send(fd, hello.data(), hello.size(), 0));
+  const int fd = RawSession();
+  ASSERT_GE(fd, 0);
   const int sid = Listen();
   ASSERT_GE(sid, 0);
   p2p::wire::Decoder d(p2p::wire::Reader::kViewer);
